@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Builds Kestrel twice (optimised, and with AddressSanitizer + UndefinedBehaviorSanitizer)
+# and runs the whole test suite on both. Exits non-zero when any test fails.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+jobs=$(nproc 2>/dev/null || echo 2)
+
+scripts/setup.sh
+
+run_suite() {  # build dir, extra cmake args...
+  local dir=$1; shift
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Release -DKESTREL_BUILD_BENCH=ON "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+  ctest --test-dir "$dir" -j"$jobs" --output-on-failure --timeout 600
+}
+
+echo "== optimised build =="
+run_suite build
+echo "== sanitizer build (address, undefined) =="
+ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run_suite build-san -DKESTREL_SANITIZE=address,undefined -DKESTREL_BUILD_BENCH=OFF

@@ -1,0 +1,81 @@
+/* ccanalysis: frequency-warped cepstra. Convention: natural-log amplitude
+ * log|H(w)| = c0 + 2 sum_k ck cos(k w~), minimum phase -2 sum_k ck sin(k w~),
+ * w~ = fwarp(w, alpha). Synthesis (cc2waveform), the 16 kHz / alpha 0.42
+ * enhancement filters, and cepstral analysis (waveform2cc). */
+#ifndef KESTREL_CCANALYSIS_H
+#define KESTREL_CCANALYSIS_H
+
+#include <stdint.h>
+#include "kestrel_export.h"
+#include "spectralanalysis.h"
+
+KESTREL_BEGIN_C
+
+/* --- synthesis ------------------------------------------------------------ */
+/* Output length of cc2waveform: (nframes + 1)*shift + 1 samples. */
+KESTREL_API uint32_t getwaveformlength(uint32_t shift, uint32_t nframes);
+/* Harmonic-plus-noise synthesis of one utterance into output (length samples).
+ * f0 in Hz (<= 0 unvoiced), fv in Hz or NULL, cc: nframes rows of order+1.
+ * Each c0 is restored by subtraction after use. Reseeds rand() with 0. 0. */
+KESTREL_API int cc2waveform(double *output, uint32_t length, double fs, uint32_t shift, uint32_t nframes,
+                            const double *f0, const double *fv, uint32_t order, double *cc, double alpha);
+/* First-order all-pass frequency warping of angular frequency w. */
+KESTREL_API double fwarp(double w, double alpha);
+/* Cosine (and optionally sine) matrices, n rows of p+1, at harmonics (r+1)*f0
+ * or at freqs[r] Hz. 0, or -1 when both matrices are NULL. */
+KESTREL_API int ccmatrixcreate(uint32_t p, uint32_t n, double f0, const double *freqs, double fs, double alpha,
+                               double *cosmatrix, double *sinmatrix);
+/* Adds the high-pass gain below fc (natural-log units) to n grid log amplitudes. 0. */
+KESTREL_API int applyhpfilterlog(uint32_t n, double df, double *logamp, double fc);
+/* Multiplies n grid amplitudes below fc by the complementary gain. 0. */
+KESTREL_API int applyantihpfilter(uint32_t n, double df, double *amp, double fc);
+/* Adds the fixed excitation phase of each of nh harmonics of f0 to phases. 0. */
+KESTREL_API int applyexcphase(uint32_t nh, double f0, double fs, double *phases);
+
+/* --- enhancement (16 kHz, alpha 0.42 cepstra only), in place ---------------- */
+/* Dynamic-range compression of c0 by factor (0 leaves cc untouched). 0. */
+KESTREL_API uint32_t applycdrc16k042(double *cc, uint32_t order, uint32_t nframes, double factor);
+/* Formant postfilter; weights: nframes per-frame strengths or NULL. 0. */
+KESTREL_API uint32_t applycpostfilt16k042(double *cc, uint32_t order, uint32_t nframes, double factor,
+                                          const double *weights);
+/* Perceptual loudness filter. 0. */
+KESTREL_API uint32_t applycloudfilt16k042(double *cc, uint32_t order, uint32_t nframes, double factor);
+
+/* --- analysis ------------------------------------------------------------- */
+/* Cepstral-analysis work area: harmonic-analysis area (HAMEM or QHAMEM by
+ * method, NULL for methods 3 and 4) and the noise-analysis area. */
+typedef struct CCMEM {
+  void *harmonic;
+  NAMEM *noise;
+} CCMEM;
+
+/* nframes rows of p+1 warped cepstra into cc (getccsize doubles). method:
+ * 0 harmonic envelope (default), 1 regularised discrete cepstrum, 2 the same
+ * on quasi-harmonic analysis, 3 signal spectrum, 4 SEEVOC envelope. 0. */
+KESTREL_API int waveform2cc(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,
+                            uint32_t nframes, const double *f0, uint32_t p, double *cc, double alpha,
+                            uint8_t method);
+KESTREL_API CCMEM *ccmeminitialize(double fs, double fmin, uint32_t framesize, uint32_t nfft, uint8_t method);
+KESTREL_API int ccmemdestroy(CCMEM *area);
+/* Per-frame methods: frame centred on sample centre; buf: 2*nfft scratch
+ * doubles; c receives p+1 coefficients. 0. */
+KESTREL_API int getharmmcep(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft,
+                            double *buf, uint32_t p, double *c, double alpha, CCMEM *area);
+KESTREL_API int getharmrdc(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft,
+                           double *buf, uint32_t p, double *c, double alpha, CCMEM *area);
+KESTREL_API int getqharmrdc(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft,
+                            double *buf, uint32_t p, double *c, double alpha, CCMEM *area);
+KESTREL_API int getwwcmcep(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft,
+                           double *buf, uint32_t p, double *c, double alpha, CCMEM *area);
+KESTREL_API int getseemcep(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft,
+                           double *buf, uint32_t p, double *c, double alpha, CCMEM *area);
+/* Warps linear cepstrum c[0..m] into out[0..p]; work: p+1 doubles.
+ * 0, or -1 when |alpha| >= 1 (out untouched). */
+KESTREL_API int ccwarp(const double *c, uint32_t m, double *out, uint32_t p, double alpha, double *work);
+/* (p+1)*nframes. */
+KESTREL_API uint32_t getccsize(uint32_t nframes, uint32_t p);
+/* getnumanalysisframes(nsamples, shift, first). */
+KESTREL_API uint32_t getnumframes(uint32_t nsamples, uint32_t shift, uint32_t first);
+
+KESTREL_END_C
+#endif

@@ -1,0 +1,40 @@
+/* pitchanalysis: pitch-track modification (log f0 in natural log, -1e10 =
+ * unvoiced; f0 in Hz, <= 0 = unvoiced) and pitch estimation. */
+#ifndef KESTREL_PITCHANALYSIS_H
+#define KESTREL_PITCHANALYSIS_H
+
+#include <stdint.h>
+#include "kestrel_export.h"
+
+KESTREL_BEGIN_C
+
+/* Hz to natural-log f0 in place (values <= 0 or NaN become -1e10). 0. */
+KESTREL_API uint32_t f02logf0(uint32_t n, double *track);
+/* Natural-log f0 to Hz in place (values <= -1e10 or NaN become 0). 0. */
+KESTREL_API uint32_t logf02f0(uint32_t n, double *track);
+/* Adds shift (log units) to voiced frames in place. 0. */
+KESTREL_API uint32_t shiftlogpitch(uint32_t n, double *track, double shift);
+/* Scales voiced log-f0 values about their mean by factor, in place. 0. */
+KESTREL_API uint32_t scalelogpitchrange(uint32_t n, double *track, double factor);
+
+/* f0 track in Hz (0 = unvoiced) of nframes frames centred on first + k*shift;
+ * f0 is caller-allocated (nframes doubles). x is not modified. 0. */
+KESTREL_API int getpitch(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,
+                         uint32_t nframes, double f0min, double f0max, double *f0);
+/* Circular autocorrelation of nfft interleaved complex values in place
+ * (real parts hold the result, unnormalised). 0. */
+KESTREL_API int autocorrelation(uint32_t nfft, double *buf);
+/* New array (caller frees) of x band-pass filtered for pitch analysis. */
+KESTREL_API double *applyfftfilter(const double *x, uint32_t n, double fs);
+/* New array (caller frees) of L*n samples: x upsampled by L with a zero-delay
+ * windowed-sinc low-pass. */
+KESTREL_API double *upsampling(const double *x, uint32_t n, double fs, uint32_t L);
+/* Refines a Hz track in place by quasi-harmonic analysis; fmax may be NULL. 0. */
+KESTREL_API int refinepitch(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,
+                            uint32_t nframes, double f0min, double f0max, uint32_t niter, double *f0,
+                            const double *fmax);
+/* Removes short voiced islands that jump in frequency, in place. 0. */
+KESTREL_API int elimislands(uint32_t nframes, double *f0, double fs, uint32_t shift);
+
+KESTREL_END_C
+#endif

@@ -1,0 +1,195 @@
+// fdoubleio: headerless feature files of 32-bit floats in host byte order.
+#include "fdoubleio.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+
+namespace {
+
+struct FileCloser {
+  void operator()(std::FILE *f) const {
+    if (f) std::fclose(f);
+  }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+// Opens a regular, non-empty file for binary reading and gives its size.
+// Directories, devices and FIFOs are refused; O_NONBLOCK keeps a FIFO from
+// blocking the open before fstat can tell what it is.
+FilePtr openregularforreading(const char *path, uint64_t *size) {
+  if (!path) return nullptr;
+  const int fd = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return nullptr;
+  struct stat st;
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0) {
+    ::close(fd);
+    return nullptr;
+  }
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (flags >= 0) ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+  std::FILE *f = ::fdopen(fd, "rb");
+  if (!f) {
+    ::close(fd);
+    return nullptr;
+  }
+  *size = static_cast<uint64_t>(st.st_size);
+  return FilePtr(f);
+}
+
+// An output file that is either completed or removed: a failed write never
+// leaves a truncated file behind. Only regular files are removed (writing to
+// a device such as /dev/null must not unlink it).
+class OutputFile {
+ public:
+  explicit OutputFile(const char *path) {
+    if (!path) return;
+    const int fd = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666);
+    if (fd < 0) return;
+    struct stat st;
+    regular_ = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (flags >= 0) ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+    file_ = ::fdopen(fd, "wb");
+    if (!file_) {
+      ::close(fd);
+      return;
+    }
+    path_ = path;
+  }
+  OutputFile(const OutputFile &) = delete;
+  OutputFile &operator=(const OutputFile &) = delete;
+  ~OutputFile() {
+    if (file_) discard();
+  }
+  bool isopen() const { return file_ != nullptr; }
+  bool write(const void *data, size_t size, size_t count) {
+    if (count == 0) return true;
+    return std::fwrite(data, size, count, file_) == count;
+  }
+  // Closes; on any failure the file is removed and false returned.
+  bool finish() {
+    std::FILE *f = file_;
+    file_ = nullptr;
+    if (std::fclose(f) != 0) {
+      removepartial();
+      return false;
+    }
+    return true;
+  }
+  void discard() {
+    std::fclose(file_);
+    file_ = nullptr;
+    removepartial();
+  }
+
+ private:
+  void removepartial() {
+    if (regular_) std::remove(path_.c_str());
+  }
+  std::FILE *file_ = nullptr;
+  std::string path_;
+  bool regular_ = false;
+};
+
+// Value count of a file of the given size, or 0 when it is empty of whole
+// values or would not fit a 32-bit count / the address space as elemsize-byte
+// elements.
+uint32_t valuecount(uint64_t size, size_t elemsize) {
+  const uint64_t n = size / 4u;
+  if (n == 0 || n > UINT32_MAX || n > SIZE_MAX / elemsize) return 0;
+  return static_cast<uint32_t>(n);
+}
+
+}  // namespace
+
+extern "C" {
+
+uint32_t fdoubleread(const char *path, double **array) {
+  if (!array) return 0;
+  uint64_t size = 0;
+  FilePtr f = openregularforreading(path, &size);
+  if (!f) return 0;
+  const uint32_t n = valuecount(size, sizeof(double));
+  if (n == 0) return 0;
+  auto *bytes = static_cast<unsigned char *>(std::malloc(static_cast<size_t>(n) * sizeof(double)));
+  if (!bytes) return 0;
+  if (std::fread(bytes, sizeof(float), n, f.get()) != n) {
+    std::free(bytes);
+    return 0;
+  }
+  // Widen in place from the last value down: double i (bytes 8i..8i+7) only
+  // covers floats i and above, which are already converted.
+  for (uint32_t i = n; i-- > 0;) {
+    float v;
+    std::memcpy(&v, bytes + static_cast<size_t>(i) * sizeof(float), sizeof v);
+    const double d = static_cast<double>(v);
+    std::memcpy(bytes + static_cast<size_t>(i) * sizeof(double), &d, sizeof d);
+  }
+  *array = reinterpret_cast<double *>(bytes);
+  return n;
+}
+
+uint32_t fdoublewrite(const char *path, double *array, uint32_t n, uint8_t keepinput) {
+  if (!path || !array || n == 0) return 0;
+  std::unique_ptr<float[]> scratch;
+  if (keepinput == 1) {
+    scratch.reset(new (std::nothrow) float[n]);
+    if (!scratch) return 0;
+  }
+  OutputFile out(path);
+  if (!out.isopen()) return 0;
+  unsigned char *floats;
+  if (scratch) {
+    for (uint32_t i = 0; i < n; ++i) scratch[i] = static_cast<float>(array[i]);
+    floats = reinterpret_cast<unsigned char *>(scratch.get());
+  } else {
+    // Narrow in place, first to last: float i (bytes 4i..4i+3) overwrites
+    // only doubles below i, which have already been read.
+    auto *bytes = reinterpret_cast<unsigned char *>(array);
+    for (uint32_t i = 0; i < n; ++i) {
+      double d;
+      std::memcpy(&d, bytes + static_cast<size_t>(i) * sizeof(double), sizeof d);
+      const float v = static_cast<float>(d);
+      std::memcpy(bytes + static_cast<size_t>(i) * sizeof(float), &v, sizeof v);
+    }
+    floats = bytes;
+  }
+  if (!out.write(floats, sizeof(float), n)) return 0;  // out removes the file
+  return out.finish() ? n : 0;
+}
+
+uint32_t ffloatread(const char *path, float **array) {
+  if (!array) return 0;
+  uint64_t size = 0;
+  FilePtr f = openregularforreading(path, &size);
+  if (!f) return 0;
+  const uint32_t n = valuecount(size, sizeof(float));
+  if (n == 0) return 0;
+  auto *values = static_cast<float *>(std::malloc(static_cast<size_t>(n) * sizeof(float)));
+  if (!values) return 0;
+  if (std::fread(values, sizeof(float), n, f.get()) != n) {
+    std::free(values);
+    return 0;
+  }
+  *array = values;
+  return n;
+}
+
+uint32_t ffloatwrite(const char *path, const float *array, uint32_t n) {
+  if (!path || !array || n == 0) return 0;
+  OutputFile out(path);
+  if (!out.isopen()) return 0;
+  if (!out.write(array, sizeof(float), n)) return 0;
+  return out.finish() ? n : 0;
+}
+
+}  // extern "C"
