@@ -59,15 +59,21 @@ uint32_t wincomplementary(const double *w, double *q, uint32_t N) {
 uint32_t getwindowedsamples(const double *x, uint32_t len, uint32_t centre, double *out, uint32_t half,
                             const double *win) {
   const uint32_t L = 2 * half + 1;
-  const uint32_t first = (centre < half) ? half - centre : 0;
-  uint32_t end = L;
-  if (centre + half > len - 1) end = len - centre + half;
-  // A centre beyond the signal would wrap the end past the segment: nothing is valid.
-  if (end > L || end < first) end = first;
+  // Valid k are those with 0 <= centre - half + k <= len - 1.  The bounds are
+  // formed in 64 bits: they equal the unsigned 32-bit rule (first = half -
+  // centre when centre < half; end = len - centre + half when centre + half >
+  // len - 1) wherever that rule does not wrap, and where it would wrap (a
+  // centre far beyond the signal, centre + half past 2^32, an empty signal)
+  // they leave no valid sample instead of reading outside x.
+  const int64_t lo = static_cast<int64_t>(half) - static_cast<int64_t>(centre);
+  const int64_t hi = static_cast<int64_t>(len) + lo;
+  uint32_t first = (lo > 0) ? static_cast<uint32_t>(lo < L ? lo : L) : 0;
+  uint32_t end = (hi < L) ? static_cast<uint32_t>(hi > first ? hi : first) : L;
+  if (end < first) end = first;
   for (uint32_t k = 0; k < first; ++k) out[k] = 0.0;
   for (uint32_t k = end; k < L; ++k) out[k] = 0.0;
-  // Index centre - half + k is formed in unsigned arithmetic: for k >= first it
-  // never wraps below sample 0.
+  // For first <= k < end the index centre - half + k lies in 0 .. len-1; in
+  // unsigned arithmetic the wrapped base comes back into range.
   const uint32_t base = centre - half;
   if (win) {
     for (uint32_t k = first; k < end; ++k) out[k] = x[base + k] * win[k];
