@@ -18,16 +18,23 @@ KESTREL_API uint32_t shiftlogpitch(uint32_t n, double *track, double shift);
 KESTREL_API uint32_t scalelogpitchrange(uint32_t n, double *track, double factor);
 
 /* f0 track in Hz (0 = unvoiced) of nframes frames centred on first + k*shift;
- * f0 is caller-allocated (nframes doubles). x is not modified. 0. */
+ * f0 is caller-allocated (nframes doubles); f0min <= 0 means 60 Hz, f0max <=
+ * f0min means 500 Hz. x is not modified. nframes == 0 writes nothing. 0, or -1
+ * (f0 all 0) when fs is not positive and finite, shift is 0, or the analysis
+ * window (3 periods of f0min, made odd) is under 5 or over 2^20 samples. */
 KESTREL_API int getpitch(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,
                          uint32_t nframes, double f0min, double f0max, double *f0);
 /* Circular autocorrelation of nfft interleaved complex values in place
- * (real parts hold the result, unnormalised). 0. */
+ * (real parts hold the result, scaled by nfft; imaginary parts 0). 0, or -1
+ * when nfft is not a power of two up to 2^30 (buf untouched). */
 KESTREL_API int autocorrelation(uint32_t nfft, double *buf);
-/* New array (caller frees) of x band-pass filtered for pitch analysis. */
+/* New array (caller frees) of n samples: x band-pass filtered for pitch
+ * analysis (fftfilter, -30 dB below 45 Hz and above 5 kHz, flat 55-3000 Hz,
+ * zero delay). NULL when fs is not positive and finite or above 32.7 MHz. */
 KESTREL_API double *applyfftfilter(const double *x, uint32_t n, double fs);
 /* New array (caller frees) of L*n samples: x upsampled by L with a zero-delay
- * windowed-sinc low-pass. */
+ * windowed-sinc low-pass (order 50*L, cut-off 0.4*fs). NULL when L == 0,
+ * L*n does not fit 32 bits, or fs is not positive and finite. */
 KESTREL_API double *upsampling(const double *x, uint32_t n, double fs, uint32_t L);
 /* Refines a Hz track in place by quasi-harmonic analysis; fmax may be NULL. 0. */
 KESTREL_API int refinepitch(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,

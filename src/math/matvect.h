@@ -19,5 +19,10 @@ KESTREL_API int solveleastsquares(const double *A, const double *B, double *X, u
  * the determinant, 0.0 on failure. M is used as scratch unless ownscratch == 1. */
 KESTREL_API double choleskyinvdet(uint32_t n, double *M, double *inv, int16_t ownscratch);
 
+/* Median of v[0..n-1]; v is reordered in place (pass a copy to keep it).
+ * Even n gives the mean of the two middle values; NaNs sort above every
+ * number; n == 0 gives 0. */
+KESTREL_API double medianelem(double *v, uint32_t n);
+
 KESTREL_END_C
 #endif
