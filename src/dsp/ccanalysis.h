@@ -16,13 +16,20 @@ KESTREL_BEGIN_C
 KESTREL_API uint32_t getwaveformlength(uint32_t shift, uint32_t nframes);
 /* Harmonic-plus-noise synthesis of one utterance into output (length samples).
  * f0 in Hz (<= 0 unvoiced), fv in Hz or NULL, cc: nframes rows of order+1.
- * Each c0 is restored by subtraction after use. Reseeds rand() with 0. 0. */
+ * Each c0 is restored by subtraction after use. Reseeds rand() with 0.
+ * Without fv, an utterance whose voiced frames all hold its lowest c0 uses
+ * fv = 4500 Hz in every voiced frame. Nothing is written at or beyond
+ * output[length]: with length < getwaveformlength(shift, nframes) the output is
+ * the leading part of the full result (frames wholly beyond it are skipped).
+ * shift 0 gives all zeros. 0; -1 when output (length > 0), f0 or cc (nframes > 0)
+ * is NULL, or when the work areas would exceed 1 GiB or cannot be allocated
+ * (output zeroed, cc untouched). */
 KESTREL_API int cc2waveform(double *output, uint32_t length, double fs, uint32_t shift, uint32_t nframes,
                             const double *f0, const double *fv, uint32_t order, double *cc, double alpha);
 /* First-order all-pass frequency warping of angular frequency w. */
 KESTREL_API double fwarp(double w, double alpha);
 /* Cosine (and optionally sine) matrices, n rows of p+1, at harmonics (r+1)*f0
- * or at freqs[r] Hz. 0, or -1 when both matrices are NULL. */
+ * or at freqs[r] Hz. 0, or -1 when the cosine matrix is NULL (nothing written). */
 KESTREL_API int ccmatrixcreate(uint32_t p, uint32_t n, double f0, const double *freqs, double fs, double alpha,
                                double *cosmatrix, double *sinmatrix);
 /* Adds the high-pass gain below fc (natural-log units) to n grid log amplitudes. 0. */

@@ -1,0 +1,176 @@
+// Harmonic counting and generation for the synthesis, and resampling of
+// log-amplitude envelopes between uniform frequency grids.  Every cosine comes
+// from a complex rotation rounded to double at each step; the order in which
+// the harmonics are added to a sample is ascending, which fixes the bits.
+#include "harmonicanalysis.h"
+
+#include <cmath>
+#include <cstdint>
+
+namespace {
+
+constexpr double kTwoPi = 6.283185307179586;
+// sqrt(2)/3: (2 - cos)^2 has mean 4.5, so the modulated noise keeps its power.
+constexpr double kModulationGain = 0.47140452079103173;
+
+// Harmonics are added a few at a time so that their rotations run side by side;
+// per sample the additions still happen in ascending harmonic order.
+constexpr unsigned kGroup = 8;
+
+struct Harmonic {
+  double amplitude;
+  double c, s;    // cos/sin of the current sample's phase
+  double ck, sk;  // per-sample rotation
+};
+
+// Two harmonics per SSE2 register: lane-wise IEEE products and sums, so each
+// lane rounds exactly as the scalar recurrence does.
+typedef double v2d __attribute__((vector_size(16)));
+
+// Adds the G harmonics of h to buf[0..L-1]; when modulate, every sample is
+// first multiplied by the pitch-synchronous noise gain driven by (mc, ms).
+template <unsigned G, bool Modulate>
+void addgroup(double *buf, uint32_t L, Harmonic *h, double mc, double ms, double mc1, double ms1) {
+  constexpr unsigned V = G ? (G + 1) / 2 : 1;
+  v2d a[V], c[V], s[V], ck[V], sk[V];
+#pragma GCC unroll 8
+  for (unsigned v = 0; v < V; ++v) {
+    const unsigned g0 = 2 * v, g1 = 2 * v + 1;
+    const Harmonic h0 = g0 < G ? h[g0] : Harmonic{0, 1, 0, 1, 0};
+    const Harmonic h1 = g1 < G ? h[g1] : Harmonic{0, 1, 0, 1, 0};  // unused lane
+    a[v] = v2d{h0.amplitude, h1.amplitude};
+    c[v] = v2d{h0.c, h1.c};
+    s[v] = v2d{h0.s, h1.s};
+    ck[v] = v2d{h0.ck, h1.ck};
+    sk[v] = v2d{h0.sk, h1.sk};
+  }
+  for (uint32_t n = 0; n < L; ++n) {
+    double b = buf[n];
+    if (Modulate) {
+      b = (2.0 - mc) * kModulationGain * b;
+      const double nc = mc * mc1 - ms * ms1;
+      const double ns = ms * mc1 + mc * ms1;
+      mc = nc;
+      ms = ns;
+    }
+#pragma GCC unroll 8
+    for (unsigned v = 0; v < V; ++v) {
+      const v2d t = a[v] * c[v];
+      if (2 * v < G) b = t[0] + b;
+      if (2 * v + 1 < G) b = t[1] + b;
+    }
+    buf[n] = b;
+#pragma GCC unroll 8
+    for (unsigned v = 0; v < V; ++v) {
+      const v2d nc = c[v] * ck[v] - s[v] * sk[v];
+      const v2d ns = s[v] * ck[v] + c[v] * sk[v];
+      c[v] = nc;
+      s[v] = ns;
+    }
+  }
+}
+
+template <bool Modulate>
+void addharmonics(double *buf, uint32_t L, Harmonic *h, unsigned g, double mc, double ms, double mc1,
+                  double ms1) {
+  switch (g) {
+    case 1: addgroup<1, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 2: addgroup<2, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 3: addgroup<3, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 4: addgroup<4, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 5: addgroup<5, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 6: addgroup<6, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 7: addgroup<7, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 8: addgroup<8, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    default: addgroup<0, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+  }
+}
+
+}  // namespace
+
+extern "C" {
+
+uint32_t hanoharms(double fs, double fmax, double f0) {
+  if (fmax <= f0 || 0.5 * fs <= f0) return 0;
+  if (!(f0 > 0.0)) return 0;  // no harmonics of a NaN or non-positive f0
+  const double limit = (fmax <= 0.5 * fs) ? fmax : 0.5 * fs;
+  const double q = std::ceil(limit / f0);
+  // A NaN limit gives no harmonic; a count beyond 32 bits saturates, so that
+  // callers sizing arrays with it can refuse it.
+  if (!(q >= 1.0)) return 0;
+  if (q > 4294967296.0) return UINT32_MAX;
+  return static_cast<uint32_t>(static_cast<uint64_t>(q) - 1u);
+}
+
+int genharmonics(double *buf, uint32_t before, uint32_t after, double fs, double f0, uint32_t nh,
+                 const double *amplitudes, const double *phases, double phi, uint8_t modulate) {
+  const uint32_t L = before + after;
+  if (nh == 0 || L == 0) return 0;
+  const double w = f0 * kTwoPi / fs;
+  const double c1 = std::cos(w);
+  const double s1 = std::sin(w);
+  const double theta0 = phi - static_cast<double>(before) * w;
+
+  // Noise modulation runs fused with the first group of harmonics (or alone if
+  // every amplitude is zero): per sample it still precedes the additions.
+  bool pending = (modulate == 1);
+  double mc = 0.0, ms = 0.0;
+  if (pending) {
+    mc = std::cos(theta0);
+    ms = std::sin(theta0);
+  }
+
+  Harmonic group[kGroup];
+  unsigned g = 0;
+  double ck = c1, sk = s1;
+  for (uint32_t j = 0; j < nh; ++j) {
+    // A zero amplitude skips the harmonic and leaves the rotor where it is, so
+    // the next harmonic takes this one's frequency step (deliberate).
+    if (amplitudes[j] == 0.0) continue;
+    const double theta = phases[j] + theta0 * static_cast<double>(j + 1);
+    group[g] = Harmonic{amplitudes[j], std::cos(theta), std::sin(theta), ck, sk};
+    ++g;
+    const double nck = ck * c1 - sk * s1;
+    const double nsk = sk * c1 + ck * s1;
+    ck = nck;
+    sk = nsk;
+    if (g == kGroup) {
+      if (pending)
+        addharmonics<true>(buf, L, group, g, mc, ms, c1, s1);
+      else
+        addharmonics<false>(buf, L, group, g, mc, ms, c1, s1);
+      pending = false;
+      g = 0;
+    }
+  }
+  if (g > 0 || pending) {
+    if (pending)
+      addharmonics<true>(buf, L, group, g, mc, ms, c1, s1);
+    else
+      addharmonics<false>(buf, L, group, g, mc, ms, c1, s1);
+  }
+  return 0;
+}
+
+int resamplelogampenv(double df, const double *env, uint32_t n, double dfout, double *out, uint32_t m) {
+  if (n == 0 || m == 0) return -1;
+  uint32_t j = 0;
+  double fl = 0.0, vl = env[0];
+  double fh = df, vh = env[0];
+  for (uint32_t i = 0; i < m; ++i) {
+    const double f = static_cast<double>(i + 1) * dfout;
+    while (j <= n && fh < f) {
+      ++j;
+      fl = fh;
+      fh = fh + df;
+      vl = vh;
+      // Past the last point the value stays env[n-1]; this also keeps a
+      // frequency beyond (n+1)*df from reading outside env.
+      if (j < n) vh = env[j];
+    }
+    out[i] = (f - fl) * (vh - vl) / df + vl;
+  }
+  return 0;
+}
+
+}  // extern "C"
