@@ -15,7 +15,13 @@
 #include <new>
 #include <string>
 
+#include "fileguard.h"
+
 namespace {
+
+using kestrel_io::FilePtr;
+using kestrel_io::OutputFile;
+using kestrel_io::openregularforreading;
 
 constexpr uint32_t kSampleRate = 16000;
 constexpr uint32_t kHeaderBytes = 44;
@@ -23,86 +29,6 @@ constexpr uint32_t kHeaderBytes = 44;
 constexpr uint32_t kMaxSamples = (UINT32_MAX - (kHeaderBytes - 8u)) / 2u;
 // 32767 / 32768: positive samples saturate one step below full scale.
 constexpr double kPositiveLimit = 0.999969482421875;
-
-struct FileCloser {
-  void operator()(std::FILE *f) const {
-    if (f) std::fclose(f);
-  }
-};
-using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
-
-// Opens a regular, non-empty file for binary reading and gives its size;
-// O_NONBLOCK keeps a FIFO from blocking before fstat can refuse it.
-FilePtr openregularforreading(const char *path, uint64_t *size) {
-  if (!path) return nullptr;
-  const int fd = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return nullptr;
-  struct stat st;
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0) {
-    ::close(fd);
-    return nullptr;
-  }
-  const int flags = ::fcntl(fd, F_GETFL);
-  if (flags >= 0) ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
-  std::FILE *f = ::fdopen(fd, "rb");
-  if (!f) {
-    ::close(fd);
-    return nullptr;
-  }
-  *size = static_cast<uint64_t>(st.st_size);
-  return FilePtr(f);
-}
-
-// An output file that is either completed or removed; only a regular file is
-// ever removed, so writing to a device cannot unlink it.
-class OutputFile {
- public:
-  explicit OutputFile(const char *path) {
-    if (!path) return;
-    const int fd = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666);
-    if (fd < 0) return;
-    struct stat st;
-    regular_ = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
-    const int flags = ::fcntl(fd, F_GETFL);
-    if (flags >= 0) ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
-    file_ = ::fdopen(fd, "wb");
-    if (!file_) {
-      ::close(fd);
-      return;
-    }
-    path_ = path;
-  }
-  OutputFile(const OutputFile &) = delete;
-  OutputFile &operator=(const OutputFile &) = delete;
-  ~OutputFile() {
-    if (file_) {
-      std::fclose(file_);
-      removepartial();
-    }
-  }
-  bool isopen() const { return file_ != nullptr; }
-  bool write(const void *data, size_t size, size_t count) {
-    if (count == 0) return true;
-    return std::fwrite(data, size, count, file_) == count;
-  }
-  bool finish() {
-    std::FILE *f = file_;
-    file_ = nullptr;
-    if (std::fclose(f) != 0) {
-      removepartial();
-      return false;
-    }
-    return true;
-  }
-
- private:
-  void removepartial() {
-    if (regular_) std::remove(path_.c_str());
-  }
-  std::FILE *file_ = nullptr;
-  std::string path_;
-  bool regular_ = false;
-};
 
 void put16(unsigned char *p, uint16_t v) {
   p[0] = static_cast<unsigned char>(v & 0xFFu);
