@@ -58,14 +58,22 @@ typedef struct CCMEM {
 
 /* nframes rows of p+1 warped cepstra into cc (getccsize doubles). method:
  * 0 harmonic envelope (default), 1 regularised discrete cepstrum, 2 the same
- * on quasi-harmonic analysis, 3 signal spectrum, 4 SEEVOC envelope. 0. */
+ * on quasi-harmonic analysis, 3 signal spectrum, 4 SEEVOC envelope. Frames
+ * with 0 < f0 < 20 Hz are analysed as unvoiced. 0; -1 (cc untouched) when x
+ * (n > 0), f0 or cc is NULL, fs is not positive and finite, |alpha| >= 1 or
+ * NaN, or (p+1)*nframes exceeds 32 bits; -1 also when the work areas cannot
+ * be allocated. */
 KESTREL_API int waveform2cc(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,
                             uint32_t nframes, const double *f0, uint32_t p, double *cc, double alpha,
                             uint8_t method);
+/* New work area (NULL when the noise area cannot be made; harmonic stays NULL
+ * when its area is refused, and voiced frames then take the noise spectrum). */
 KESTREL_API CCMEM *ccmeminitialize(double fs, double fmin, uint32_t framesize, uint32_t nfft, uint8_t method);
+/* Releases the area and its members (NULL allowed). 0. */
 KESTREL_API int ccmemdestroy(CCMEM *area);
 /* Per-frame methods: frame centred on sample centre; buf: 2*nfft scratch
- * doubles; c receives p+1 coefficients. 0. */
+ * doubles; c receives p+1 coefficients. 0; -1 (c untouched) when a pointer is
+ * NULL or nfft is not a power of two in 4 .. 2^22 covering the noise frame. */
 KESTREL_API int getharmmcep(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft,
                             double *buf, uint32_t p, double *c, double alpha, CCMEM *area);
 KESTREL_API int getharmrdc(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft,

@@ -1,0 +1,320 @@
+// Cepstral analysis: one frequency-warped cepstral vector per frame, in the
+// convention the synthesis reads (log|H| = c0 + 2 sum ck cos(k w~)). Five
+// per-frame methods share a common tail that turns an nfft-point natural-log
+// spectrum into a warped cepstrum through the real cepstrum and ccwarp; the
+// two discrete-cepstrum methods fit the warped cepstrum to harmonic log
+// amplitudes directly and fall back on the noise spectrum.
+#include "ccanalysis.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <vector>
+
+#include "dft.h"
+#include "harmonicanalysis.h"
+#include "matvect.h"
+#include "spectralanalysis.h"
+#include "windowing.h"
+
+namespace {
+
+// f0 below this is not resolved by the harmonic analysis (see
+// harmonicanalysis.h); such frames are analysed as unvoiced.
+constexpr double kLowestF0 = 20.0;
+constexpr double kDefaultFmin = 60.0;
+constexpr uint32_t kMaxFft = 1u << 22;
+// Largest design matrix plus solver work area (doubles) a discrete-cepstrum
+// fit may allocate when the harmonic area's buffer is too small (order ~1400).
+constexpr uint64_t kMaxFitDoubles = uint64_t(1) << 22;
+
+bool ispowerof2(uint32_t v) { return v != 0 && (v & (v - 1)) == 0; }
+
+uint32_t kindof(const void *area) {
+  uint32_t kind = 0;
+  if (area) std::memcpy(&kind, area, sizeof kind);
+  return kind;
+}
+
+// Warps r[0..m] into c[0..p] with a scratch of p+1 doubles: the free
+// imaginary half of buf when it is large enough, otherwise a temporary.
+// false only when that temporary cannot be allocated.
+bool warpinto(const double *r, uint32_t m, double *c, uint32_t p, double alpha, double *im, uint32_t nfft) {
+  if (static_cast<uint64_t>(p) + 1 <= nfft) {
+    ccwarp(r, m, c, p, alpha, im);
+    return true;
+  }
+  double *work = static_cast<double *>(std::malloc((static_cast<uint64_t>(p) + 1) * sizeof(double)));
+  if (!work) return false;
+  ccwarp(r, m, c, p, alpha, work);
+  std::free(work);
+  return true;
+}
+
+// Common tail: nfft-point log spectrum S in the real half of buf -> real
+// cepstrum -> halve r(nfft/2) and r0 -> warp r0..rm -> double c0.
+int cepstrumtail(double *buf, uint32_t nfft, uint32_t m, uint32_t p, double *c, double alpha) {
+  double *re = buf;
+  double *im = buf + nfft;
+  const double scale = 1.0 / static_cast<double>(nfft);
+  for (uint32_t i = 0; i < nfft; ++i) re[i] = re[i] * scale;
+  for (uint32_t i = 0; i < nfft; ++i) im[i] = 0.0;
+  ifftr(static_cast<int32_t>(nfft), re, im);
+  re[nfft / 2] = re[nfft / 2] * 0.5;
+  re[0] = re[0] * 0.5;
+  if (!warpinto(re, m, c, p, alpha, im, nfft)) return -1;
+  c[0] = c[0] * 2.0;  // the result of ccwarp is not checked: c0 is doubled anyway
+  return 0;
+}
+
+// Noise log spectrum and the common tail over all quefrencies.
+int noisetail(const double *x, uint32_t n, double fs, uint32_t centre, uint32_t nfft, double *buf, uint32_t p,
+              double *c, double alpha, CCMEM *area) {
+  if (getnoiselogspectrum(x, n, fs, centre, nfft, buf, area->noise) != 0) return -1;
+  return cepstrumtail(buf, nfft, nfft / 2, p, c, alpha);
+}
+
+// Arguments every per-frame method needs to be meaningful and in bounds.
+bool validcall(const double *x, uint32_t n, uint32_t nfft, const double *buf, const double *c, const CCMEM *area) {
+  if (!buf || !c || !area || !area->noise || (n > 0 && !x)) return false;
+  if (!ispowerof2(nfft) || nfft < 4 || nfft > kMaxFft) return false;
+  return area->noise->N <= nfft;
+}
+
+bool voiced(double f0) { return f0 > 0.0 && std::isfinite(f0); }
+
+// Regularised discrete cepstrum (codes 1 and 2): c0..cp fitted by least
+// squares to the harmonic log amplitudes. 0 when the fit succeeded; -1 when
+// the caller must fall back.
+int discretecepstrum(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft, double *buf,
+                     uint32_t p, double *c, double alpha, void *harmonic, bool quasi) {
+  if (!voiced(f0) || !harmonic) return -1;
+  const uint32_t H = hanoharms(fs, fs, f0);
+  if (H == 0 || H > nfft) return -1;
+  double *amps = buf;
+  double *freqs = buf + nfft;
+  const uint32_t kind = kindof(harmonic);
+  bool havefreqs = false;
+  if (kind == QHAMEM_KIND) {
+    QHAMEM *q = static_cast<QHAMEM *>(harmonic);
+    if (getsqharmonics(x, n, fs, centre, f0, H, amps, nullptr, quasi ? freqs : nullptr, q) != 0) return -1;
+    havefreqs = quasi;
+  } else if (kind == HAMEM_KIND) {
+    if (getharmonics(x, n, fs, centre, f0, H, amps, nullptr, static_cast<HAMEM *>(harmonic)) != 0) return -1;
+  } else {
+    return -1;
+  }
+  const double rootf0 = std::sqrt(f0);
+  for (uint32_t h = 0; h < H; ++h) {
+    amps[h] = std::log(amps[h] * 0.5 / rootf0);
+    if (!std::isfinite(amps[h])) return -1;  // a zero amplitude has no log
+  }
+  // Design matrix H x (p+1) and the solver's (1 + 2(p+1))(p+1) doubles: in
+  // the harmonic area's first buffer when they fit there.
+  const uint64_t cols = static_cast<uint64_t>(p) + 1;
+  const uint64_t need = static_cast<uint64_t>(H) * cols + (1 + 2 * cols) * cols;
+  double *matrix;
+  uint32_t capacity;
+  if (kind == QHAMEM_KIND) {
+    matrix = static_cast<QHAMEM *>(harmonic)->matrix;
+    capacity = static_cast<QHAMEM *>(harmonic)->matrixsize;
+  } else {
+    matrix = static_cast<HAMEM *>(harmonic)->matrix;
+    capacity = static_cast<HAMEM *>(harmonic)->matrixsize;
+  }
+  double *own = nullptr;
+  if (need > capacity) {
+    if (need > kMaxFitDoubles) return -1;  // orders far beyond any use: fall back
+    own = static_cast<double *>(std::malloc(need * sizeof(double)));
+    if (!own) return -1;
+    matrix = own;
+  }
+  ccmatrixcreate(p, H, f0, havefreqs ? freqs : nullptr, fs, alpha, matrix, nullptr);
+  const int r = solveleastsquares(matrix, amps, c, H, p + 1, 1, matrix + static_cast<uint64_t>(H) * cols, 1);
+  std::free(own);
+  return r;
+}
+
+}  // namespace
+
+extern "C" {
+
+int ccwarp(const double *c, uint32_t m, double *out, uint32_t p, double alpha, double *work) {
+  if (std::fabs(alpha) >= 1.0) return -1;
+  if (alpha == 0.0) {
+    // The unwarped shortcut copies c[0 .. min(m, p) - 1] only: out[p] is left
+    // alone and c[m] unused, unlike the recursion (kept on purpose).
+    for (uint32_t i = 0; i < p; ++i) out[i] = (i < m) ? c[i] : 0.0;
+    return 0;
+  }
+  // 64-bit loop counters: m or p at UINT32_MAX must still terminate.
+  const uint64_t P = p, M = m;
+  for (uint64_t j = 0; j <= P; ++j) out[j] = 0.0;
+  const double beta = 1.0 - alpha * alpha;
+  double *prev = out;
+  double *next = work;
+  for (uint64_t i = 0; i <= M; ++i) {
+    next[0] = alpha * prev[0] + c[M - i];
+    if (P >= 1) next[1] = alpha * prev[1] + beta * prev[0];
+    for (uint64_t j = 2; j <= P; ++j) next[j] = alpha * (prev[j] - next[j - 1]) + prev[j - 1];
+    double *t = prev;
+    prev = next;
+    next = t;
+  }
+  if (prev == work)
+    for (uint64_t j = 0; j <= P; ++j) out[j] = work[j];
+  return 0;
+}
+
+uint32_t getccsize(uint32_t nframes, uint32_t p) {
+  const uint64_t size = (static_cast<uint64_t>(p) + 1) * nframes;
+  return size > UINT32_MAX ? 0 : static_cast<uint32_t>(size);
+}
+
+uint32_t getnumframes(uint32_t nsamples, uint32_t shift, uint32_t first) {
+  return getnumanalysisframes(nsamples, shift, first);
+}
+
+CCMEM *ccmeminitialize(double fs, double fmin, uint32_t framesize, uint32_t nfft, uint8_t method) {
+  CCMEM *area = static_cast<CCMEM *>(std::malloc(sizeof(CCMEM)));
+  if (!area) return nullptr;
+  area->harmonic = nullptr;
+  area->noise = nameminitializefft(framesize, nfft);
+  if (!area->noise) {
+    std::free(area);
+    return nullptr;
+  }
+  // Without a harmonic area (allocation refused) voiced frames take the
+  // noise spectrum, as when their analysis fails.
+  if (method == 0 || method == 1)
+    area->harmonic = hameminitialize(fs, fs, fmin);
+  else if (method != 3 && method != 4)
+    area->harmonic = qhameminitialize(fs, fs, fmin);
+  return area;
+}
+
+int ccmemdestroy(CCMEM *area) {
+  if (!area) return 0;
+  const uint32_t kind = kindof(area->harmonic);
+  if (kind == HAMEM_KIND) hamemdestroy(static_cast<HAMEM *>(area->harmonic));
+  if (kind == QHAMEM_KIND) qhamemdestroy(static_cast<QHAMEM *>(area->harmonic));
+  namemdestroy(area->noise);
+  std::free(area);
+  return 0;
+}
+
+int getharmmcep(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft, double *buf,
+                uint32_t p, double *c, double alpha, CCMEM *area) {
+  if (!validcall(x, n, nfft, buf, c, area)) return -1;
+  // A quasi-harmonic area (unlisted method codes) serves as well.
+  if (f0 == 0.0 || !area->harmonic ||
+      getlogspectrumfromharms(x, n, fs, centre, f0, nfft, buf, static_cast<HAMEM *>(area->harmonic)) == -1) {
+    if (getnoiselogspectrum(x, n, fs, centre, nfft, buf, area->noise) != 0) return -1;
+  }
+  return cepstrumtail(buf, nfft, nfft / 2, p, c, alpha);
+}
+
+int getharmrdc(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft, double *buf,
+               uint32_t p, double *c, double alpha, CCMEM *area) {
+  if (!validcall(x, n, nfft, buf, c, area)) return -1;
+  if (discretecepstrum(x, n, fs, centre, f0, nfft, buf, p, c, alpha, area->harmonic, false) == 0) return 0;
+  return noisetail(x, n, fs, centre, nfft, buf, p, c, alpha, area);
+}
+
+int getqharmrdc(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft, double *buf,
+                uint32_t p, double *c, double alpha, CCMEM *area) {
+  if (!validcall(x, n, nfft, buf, c, area)) return -1;
+  if (discretecepstrum(x, n, fs, centre, f0, nfft, buf, p, c, alpha, area->harmonic, true) == 0) return 0;
+  return noisetail(x, n, fs, centre, nfft, buf, p, c, alpha, area);
+}
+
+int getwwcmcep(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft, double *buf,
+               uint32_t p, double *c, double alpha, CCMEM *area) {
+  if (!validcall(x, n, nfft, buf, c, area)) return -1;
+  if (getsignallogspectrum(x, n, fs, centre, f0, nfft, buf, area->noise) != 0) return -1;
+  // Only quefrencies below two thirds of the pitch period carry the envelope.
+  uint32_t m = nfft / 2;
+  if (f0 > 0.0) {
+    const double q = std::floor(fs / (1.5 * f0));
+    if (q < static_cast<double>(m)) m = q > 0.0 ? static_cast<uint32_t>(q) : 0;
+  }
+  return cepstrumtail(buf, nfft, m, p, c, alpha);
+}
+
+int getseemcep(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft, double *buf,
+               uint32_t p, double *c, double alpha, CCMEM *area) {
+  if (!validcall(x, n, nfft, buf, c, area)) return -1;
+  if (getseevoclogspectrum(x, n, fs, centre, f0, nfft, buf, area->noise) != 0) return -1;
+  return cepstrumtail(buf, nfft, nfft / 2, p, c, alpha);
+}
+
+int waveform2cc(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first, uint32_t nframes,
+                const double *f0, uint32_t p, double *cc, double alpha, uint8_t method) {
+  if (nframes == 0) return 0;
+  if (!f0 || !cc || (n > 0 && !x)) return -1;
+  if (!(fs > 0.0) || !std::isfinite(fs)) return -1;
+  // The per-frame methods would only double whatever c0 the output held.
+  if (!(std::fabs(alpha) < 1.0)) return -1;
+  const uint64_t rowlen = static_cast<uint64_t>(p) + 1;
+  if (rowlen * nframes > UINT32_MAX) return -1;  // beyond getccsize
+
+  double fmin = kDefaultFmin;
+  for (uint32_t k = 0; k < nframes; ++k)
+    if (f0[k] >= kLowestF0 && f0[k] < fmin) fmin = f0[k];
+
+  uint32_t nfft = 0;
+  if (fs <= 8000)
+    nfft = 512;
+  else if (fs <= 16000)
+    nfft = 1024;
+  else if (fs <= 32000)
+    nfft = 2048;
+  else if (fs <= 64000)
+    nfft = 4096;
+  else if (fs <= 128000)
+    nfft = 8192;
+  const uint32_t F = naframesize(fs);
+  const uint32_t N3 = getwinlengthnperiodsodd(3.0, fmin, fs);
+  const uint32_t pot2 = getwinlengthceilpot2(F > N3 ? F : N3);
+  if (nfft <= pot2) nfft = pot2;
+  if (!ispowerof2(nfft) || nfft > kMaxFft) return -1;
+
+  CCMEM *area = ccmeminitialize(fs, fmin, F, nfft, method);
+  if (!area) return -1;
+  double *buf = static_cast<double *>(std::malloc(2 * static_cast<size_t>(nfft) * sizeof(double)));
+  if (!buf) {
+    ccmemdestroy(area);
+    return -1;
+  }
+  int status = 0;
+  for (uint32_t k = 0; k < nframes && status == 0; ++k) {
+    const uint32_t centre = first + k * shift;
+    double *c = cc + rowlen * k;
+    // f0 below the analysable range is taken as unvoiced.
+    const double fk = (f0[k] > 0.0 && f0[k] < kLowestF0) ? 0.0 : f0[k];
+    switch (method) {
+      case 1:
+        status = getharmrdc(x, n, fs, centre, fk, nfft, buf, p, c, alpha, area);
+        break;
+      case 2:
+        status = getqharmrdc(x, n, fs, centre, fk, nfft, buf, p, c, alpha, area);
+        break;
+      case 3:
+        status = getwwcmcep(x, n, fs, centre, fk, nfft, buf, p, c, alpha, area);
+        break;
+      case 4:
+        status = getseemcep(x, n, fs, centre, fk, nfft, buf, p, c, alpha, area);
+        break;
+      default:
+        status = getharmmcep(x, n, fs, centre, fk, nfft, buf, p, c, alpha, area);
+        break;
+    }
+  }
+  std::free(buf);
+  ccmemdestroy(area);
+  return status == 0 ? 0 : -1;
+}
+
+}  // extern "C"

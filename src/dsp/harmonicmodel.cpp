@@ -1,0 +1,551 @@
+// Harmonic-model analysis of one frame.
+//
+// Harmonic model (Y. Stylianou, "Harmonic plus noise models for speech,
+// combined with statistical methods, for speech and speaker modification",
+// PhD thesis, ENST Paris, 1996; Y. Stylianou, IEEE Trans. Speech and Audio
+// Processing 9(1), 2001): the frame is fitted by weighted least squares with
+//   s(n) = a0 + sum_k [A_k cos(k w0 n) + B_k sin(k w0 n)],  n = -h .. h,
+// weights w(n)^2, w a Hamming window of 2.5 pitch periods. Because the
+// window is symmetric about the centre, the cosine and sine unknowns decouple
+// and each normal matrix is Toeplitz-plus-Hankel:
+//   cos block  G[k][l] = (W(k-l) + W(k+l)) / 2,  sin block (W(k-l) - W(k+l)) / 2,
+// with W(m) = sum_n w(n)^2 cos(m w0 n): O(N H) sums instead of O(N H^2).
+//
+// Quasi-harmonic model (Y. Pantazis, O. Rosec, Y. Stylianou, "On the
+// properties of a time-varying quasi-harmonic model of speech", Interspeech
+// 2008; "Adaptive AM-FM signal decomposition with application to speech
+// analysis", IEEE Trans. ASLP 19(2), 2011): each component is
+//   (a_k + t b_k) exp(j w_k n),
+// and the frequency mismatch eta_k = (Re a_k Im b_k - Im a_k Re b_k)/|a_k|^2
+// (per unit of t) moves w_k towards the true frequency; refitting with the
+// corrected frequencies converges in a few iterations. In real form with
+// t = n/h the even unknowns (1, cos w_k n, t sin w_k n) and the odd ones
+// (t, sin w_k n, t cos w_k n) again decouple on a symmetric window, here of
+// four pitch periods.
+//
+// Samples outside the signal read as 0, so frames at the ends keep a
+// symmetric window (their amplitudes are biased low by the missing part).
+#include "harmonicanalysis.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "windowing.h"
+
+namespace {
+
+constexpr double kTwoPi = 6.283185307179586;
+constexpr double kPi = 3.141592653589793;
+// Below this f0 the analysis windows are longer than any speech sound stays
+// stationary, and the areas would grow without bound.
+constexpr double kLowestF0 = 20.0;
+// Window lengths in pitch periods: the harmonic model has 2H+1 unknowns
+// (about fs/f0) and keeps good time resolution with 2.5 periods; the
+// quasi-harmonic model has twice as many and needs a longer window not to
+// fit the noise between harmonics.
+constexpr double kPeriods = 2.5;
+constexpr double kQhmPeriods = 4.0;
+// Diagonal loading relative to the mean weight: keeps the solve finite for a
+// harmonic right at Nyquist without touching well-posed fits.
+constexpr double kRidge = 1e-9;
+// Quasi-harmonic refits per analysis; the largest frequency correction taken
+// from one fit (fraction of w0, about the capture range of a four-period
+// Hamming window); and how far a corrected harmonic may stray from the
+// refined harmonic series (fraction of the refined w0).
+constexpr int kQhmFits = 3;
+constexpr double kMaxCorrection = 0.5;
+constexpr double kSeriesTolerance = 0.1;
+constexpr uint64_t kMaxAreaDoubles = uint64_t(1) << 25;  // 256 MiB
+
+uint32_t kindof(const void *area) {
+  uint32_t kind = 0;
+  std::memcpy(&kind, area, sizeof kind);
+  return kind;
+}
+
+bool finitepositive(double v) { return v > 0.0 && std::isfinite(v); }
+
+// Shared sizing of both areas: harmonics of fmin below min(fmax, fs/2) and
+// the model's window at fmin.
+struct Sizing {
+  double fmin;
+  uint32_t maxharms;
+  uint32_t maxlen;
+  bool ok;
+};
+
+Sizing sizefor(double fs, double fmax, double fmin, double periods) {
+  Sizing s{};
+  s.ok = finitepositive(fs) && !std::isnan(fmax);
+  s.fmin = (fmin >= kLowestF0 && std::isfinite(fmin)) ? fmin : kLowestF0;
+  if (!s.ok) return s;
+  s.maxharms = hanoharms(fs, fmax, s.fmin);
+  const double len = std::ceil(periods * fs / s.fmin);
+  if (!(len < 1e8) || s.maxharms > 1000000u) {
+    s.ok = false;
+    return s;
+  }
+  s.maxlen = getwinlengthnperiodsodd(periods, s.fmin, fs);
+  return s;
+}
+
+template <class Area>
+Area *newarea(uint32_t kind, double fs, double fmax, const Sizing &sz, uint64_t matrix, uint64_t vector) {
+  if (!sz.ok || matrix > kMaxAreaDoubles || vector > kMaxAreaDoubles || matrix + vector > kMaxAreaDoubles)
+    return nullptr;
+  Area *a = static_cast<Area *>(std::calloc(1, sizeof(Area)));
+  if (!a) return nullptr;
+  a->matrix = static_cast<double *>(std::malloc((matrix ? matrix : 1) * sizeof(double)));
+  a->vector = static_cast<double *>(std::malloc((vector ? vector : 1) * sizeof(double)));
+  if (!a->matrix || !a->vector) {
+    std::free(a->matrix);
+    std::free(a->vector);
+    std::free(a);
+    return nullptr;
+  }
+  a->kind = kind;
+  a->matrixsize = static_cast<uint32_t>(matrix);
+  a->fs = fs;
+  a->fmax = fmax;
+  a->fmin = sz.fmin;
+  a->maxharms = sz.maxharms;
+  a->maxlen = sz.maxlen;
+  return a;
+}
+
+template <class Area>
+void freearea(Area *a) {
+  if (!a) return;
+  std::free(a->matrix);
+  std::free(a->vector);
+  std::free(a);
+}
+
+// Frame geometry and the squared Hamming weights of the analysis window:
+// w(n) = 0.54 + 0.46 cos(pi n / h), n = 0 .. h (the window is even).
+struct Frame {
+  const double *x;
+  uint32_t len;
+  int64_t centre;
+  uint32_t h;
+  double sample(int64_t n) const {
+    const int64_t i = centre + n;
+    return (i >= 0 && i < static_cast<int64_t>(len)) ? x[i] : 0.0;
+  }
+};
+
+// Checks shared by every analysis; fills the frame and the weights (h + 1
+// doubles into w2). False when the frame cannot or need not be analysed.
+template <class Area>
+bool prepareframe(const double *x, uint32_t n, double fs, uint32_t centre, double f0, double periods, const Area *a,
+                  Frame *fr, double *w2) {
+  if (n > 0 && !x) return false;
+  if (!finitepositive(fs) || !finitepositive(f0) || !(f0 >= a->fmin) || !(f0 < 0.5 * fs)) return false;
+  const uint32_t Nw = getwinlengthnperiodsodd(periods, f0, fs);
+  if (Nw < 3 || Nw > a->maxlen) return false;
+  fr->x = x;
+  fr->len = n;
+  fr->centre = centre;
+  fr->h = Nw / 2;
+  const uint32_t h = fr->h;
+  bool any = false;
+  for (int64_t k = -static_cast<int64_t>(h); k <= static_cast<int64_t>(h) && !any; ++k)
+    any = fr->sample(k) != 0.0;  // a NaN counts as a signal
+  if (!any) return false;
+  const double step = kPi / static_cast<double>(h);
+  const double c1 = std::cos(step), s1 = std::sin(step);
+  double c = 1.0, s = 0.0;
+  for (uint32_t k = 0; k <= h; ++k) {
+    const double w = 0.54 + 0.46 * c;
+    w2[k] = w * w;
+    const double nc = c * c1 - s * s1;
+    s = s * c1 + c * s1;
+    c = nc;
+  }
+  return true;
+}
+
+// Solves G x = b in place (b becomes x) for a symmetric positive-definite G
+// of which the lower triangle (row-major, n x n) is given; G is destroyed.
+bool choleskysolve(double *G, double *b, uint32_t n, double ridge) {
+  for (uint32_t i = 0; i < n; ++i) G[static_cast<uint64_t>(i) * n + i] += ridge;
+  for (uint32_t j = 0; j < n; ++j) {
+    double *Lj = G + static_cast<uint64_t>(j) * n;
+    double s = Lj[j];
+    for (uint32_t k = 0; k < j; ++k) s -= Lj[k] * Lj[k];
+    if (!(s > 0.0) || !std::isfinite(s)) return false;
+    const double d = std::sqrt(s);
+    Lj[j] = d;
+    for (uint32_t i = j + 1; i < n; ++i) {
+      double *Li = G + static_cast<uint64_t>(i) * n;
+      double t = Li[j];
+      for (uint32_t k = 0; k < j; ++k) t -= Li[k] * Lj[k];
+      Li[j] = t / d;
+    }
+  }
+  for (uint32_t i = 0; i < n; ++i) {
+    const double *Li = G + static_cast<uint64_t>(i) * n;
+    double t = b[i];
+    for (uint32_t k = 0; k < i; ++k) t -= Li[k] * b[k];
+    b[i] = t / Li[i];
+  }
+  for (uint32_t i = n; i-- > 0;) {
+    double t = b[i];
+    for (uint32_t k = i + 1; k < n; ++k) t -= G[static_cast<uint64_t>(k) * n + i] * b[k];
+    b[i] = t / G[static_cast<uint64_t>(i) * n + i];
+  }
+  for (uint32_t i = 0; i < n; ++i)
+    if (!std::isfinite(b[i])) return false;
+  return true;
+}
+
+// Harmonic least squares at k*w0, k = 0..H. On success rc[0..H] holds
+// (a0, A_1..A_H) and rs[1..H] holds B_1..B_H.
+bool fitharmonic(const Frame &fr, const double *w2, double w0, uint32_t H, HAMEM *a, double **rcout,
+                 double **rsout) {
+  const uint32_t h = fr.h;
+  double *W = a->vector + (h + 1);  // W(0..2H)
+  double *rc = W + (2 * static_cast<uint64_t>(H) + 1);
+  double *rs = rc + (H + 1);        // rs[1..H] used, rs[0] unused
+  for (uint32_t m = 0; m <= 2 * H; ++m) W[m] = 0.0;
+  for (uint32_t k = 0; k <= H; ++k) rc[k] = rs[k] = 0.0;
+  for (uint32_t n = 0; n <= h; ++n) {
+    const double xp = fr.sample(n), xm = fr.sample(-static_cast<int64_t>(n));
+    const double g = w2[n];
+    const double gw = (n == 0) ? g : 2.0 * g;
+    const double xe = g * ((n == 0) ? xp : xp + xm);
+    const double xo = g * (xp - xm);
+    const double th = w0 * static_cast<double>(n);
+    const double c1 = std::cos(th), s1 = std::sin(th);
+    double c = 1.0, s = 0.0;
+    uint32_t m = 0;
+    for (; m <= H; ++m) {
+      W[m] += gw * c;
+      rc[m] += xe * c;
+      rs[m] += xo * s;
+      const double nc = c * c1 - s * s1;
+      s = s * c1 + c * s1;
+      c = nc;
+    }
+    for (; m <= 2 * H; ++m) {
+      W[m] += gw * c;
+      const double nc = c * c1 - s * s1;
+      s = s * c1 + c * s1;
+      c = nc;
+    }
+  }
+  const uint32_t nc = H + 1, ns = H;
+  double *Gc = a->matrix;
+  double *Gs = Gc + static_cast<uint64_t>(nc) * nc;
+  for (uint32_t k = 0; k <= H; ++k)
+    for (uint32_t l = 0; l <= k; ++l) Gc[static_cast<uint64_t>(k) * nc + l] = 0.5 * (W[k - l] + W[k + l]);
+  for (uint32_t k = 1; k <= H; ++k)
+    for (uint32_t l = 1; l <= k; ++l)
+      Gs[static_cast<uint64_t>(k - 1) * ns + (l - 1)] = 0.5 * (W[k - l] - W[k + l]);
+  const double ridge = kRidge * W[0];
+  if (!choleskysolve(Gc, rc, nc, ridge)) return false;
+  if (!choleskysolve(Gs, rs + 1, ns, ridge)) return false;
+  *rcout = rc;
+  *rsout = rs;
+  return true;
+}
+
+// Quasi-harmonic least squares at frequencies w[0..K-1] (radians/sample).
+// On success coef[4k .. 4k+3] = (c, s, d, e) of component k:
+// (c + d t) cos(w n) + (s + e t) sin(w n), t = n/h.
+bool fitquasiharmonic(const Frame &fr, const double *w2, const double *w, uint32_t K, QHAMEM *a, double *coef) {
+  const uint32_t h = fr.h;
+  const uint32_t B = 2 * K + 1;
+  double *v = a->vector + (h + 1);
+  double *be = v;       // even right-hand side / solution
+  double *bo = be + B;  // odd
+  double *re = bo + B;  // even row
+  double *ro = re + B;  // odd row
+  double *ck = ro + B;  // cos(w_k n), sin(w_k n), and their steps
+  double *sk = ck + K;
+  double *c1 = sk + K;
+  double *s1 = c1 + K;
+  double *Ge = a->matrix;
+  double *Go = Ge + static_cast<uint64_t>(B) * B;
+  for (uint64_t i = 0; i < static_cast<uint64_t>(B) * B; ++i) Ge[i] = Go[i] = 0.0;
+  for (uint32_t i = 0; i < B; ++i) be[i] = bo[i] = 0.0;
+  for (uint32_t k = 0; k < K; ++k) {
+    ck[k] = 1.0;
+    sk[k] = 0.0;
+    c1[k] = std::cos(w[k]);
+    s1[k] = std::sin(w[k]);
+  }
+  const double invh = 1.0 / static_cast<double>(h);
+  double wsum = 0.0;
+  for (uint32_t n = 0; n <= h; ++n) {
+    const double t = static_cast<double>(n) * invh;
+    const double xp = fr.sample(n), xm = fr.sample(-static_cast<int64_t>(n));
+    const double g = w2[n];
+    wsum += (n == 0) ? g : 2.0 * g;
+    re[0] = 1.0;
+    ro[0] = t;
+    for (uint32_t k = 0; k < K; ++k) {
+      re[1 + 2 * k] = ck[k];
+      re[2 + 2 * k] = t * sk[k];
+      ro[1 + 2 * k] = sk[k];
+      ro[2 + 2 * k] = t * ck[k];
+      const double nc = ck[k] * c1[k] - sk[k] * s1[k];
+      sk[k] = sk[k] * c1[k] + ck[k] * s1[k];
+      ck[k] = nc;
+    }
+    const double ge = (n == 0) ? g : 2.0 * g;
+    const double xe = g * ((n == 0) ? xp : xp + xm);
+    const double xo = g * (xp - xm);
+    for (uint32_t i = 0; i < B; ++i) {
+      be[i] += xe * re[i];
+      const double ri = ge * re[i];
+      double *row = Ge + static_cast<uint64_t>(i) * B;
+      for (uint32_t j = 0; j <= i; ++j) row[j] += ri * re[j];
+    }
+    if (n == 0) continue;  // odd functions vanish at the centre
+    for (uint32_t i = 0; i < B; ++i) {
+      bo[i] += xo * ro[i];
+      const double ri = ge * ro[i];
+      double *row = Go + static_cast<uint64_t>(i) * B;
+      for (uint32_t j = 0; j <= i; ++j) row[j] += ri * ro[j];
+    }
+  }
+  const double ridge = kRidge * wsum;
+  if (!choleskysolve(Ge, be, B, ridge)) return false;
+  if (!choleskysolve(Go, bo, B, ridge)) return false;
+  for (uint32_t k = 0; k < K; ++k) {
+    coef[4 * k + 0] = be[1 + 2 * k];  // c
+    coef[4 * k + 1] = bo[1 + 2 * k];  // s
+    coef[4 * k + 2] = bo[2 + 2 * k];  // d
+    coef[4 * k + 3] = be[2 + 2 * k];  // e
+  }
+  return true;
+}
+
+// Frequency mismatch (radians/sample) of component (c, s, d, e).
+double mismatch(const double *q, uint32_t h) {
+  const double c = q[0], s = q[1], d = q[2], e = q[3];
+  const double p = c * c + s * s;
+  if (!(p > 0.0)) return 0.0;
+  return (s * d - c * e) / (static_cast<double>(h) * p);
+}
+
+double clampabs(double v, double lim) { return v > lim ? lim : (v < -lim ? -lim : v); }
+
+// Fundamental (radians/sample) from the corrected frequencies of a fit: the
+// power-weighted mean of (w_k + eta_k)/k. Weighting by power alone (rather
+// than by power times k^2, the variance-optimal choice when every correction
+// is valid) lets the strong low harmonics, always within the capture range,
+// decide. 0 when nothing has power.
+double refinedw0(const double *w, const double *coef, uint32_t K, uint32_t h, double w0) {
+  double num = 0.0, den = 0.0;
+  for (uint32_t k = 0; k < K; ++k) {
+    const double *q = coef + 4 * k;
+    const double p = q[0] * q[0] + q[1] * q[1];
+    const double wk = w[k] + clampabs(mismatch(q, h), kMaxCorrection * w0);
+    num += p * wk / static_cast<double>(k + 1);
+    den += p;
+  }
+  if (!(den > 0.0)) return 0.0;
+  const double r = num / den;
+  return std::isfinite(r) ? r : 0.0;
+}
+
+// Log amplitude density on the bins k = 0 .. h (k*du in harmonic numbers)
+// from the power densities P[0..H-1] of harmonics 1..H: a monotone cubic in
+// power between harmonics (F. N. Fritsch and R. E. Carlson, "Monotone
+// piecewise cubic interpolation", SIAM J. Numer. Anal., 1980), flat below the
+// first and above the last. Interpolating power rather than log amplitude
+// keeps the level of the valleys between unequal harmonics (a chord of the
+// log would take their geometric mean); the monotone cubic has no corner at
+// each harmonic, which a warped cepstrum of moderate order would otherwise
+// reproduce as ripple at the pitch quefrency. Monotone between neighbours,
+// it never overshoots, so the power stays positive. slope: H doubles.
+void interpolateharmonics(const double *P, double *slope, uint32_t H, double du, uint32_t h, double *out) {
+  for (uint32_t k = 0; k < H; ++k) {
+    if (H == 1) {
+      slope[k] = 0.0;
+      continue;
+    }
+    const double dl = (k > 0) ? P[k] - P[k - 1] : P[k + 1] - P[k];
+    const double dr = (k + 1 < H) ? P[k + 1] - P[k] : dl;
+    slope[k] = (dl * dr > 0.0) ? 0.5 * (dl + dr) : 0.0;  // 0 at a local extremum
+  }
+  for (uint32_t k = 0; k + 1 < H; ++k) {
+    const double d = P[k + 1] - P[k];
+    if (d == 0.0) continue;  // both slopes are already 0
+    const double a = slope[k] / d, b = slope[k + 1] / d;
+    const double r = a * a + b * b;
+    if (r > 9.0) {  // keep the cubic monotone
+      const double t = 3.0 / std::sqrt(r);
+      slope[k] = t * a * d;
+      slope[k + 1] = t * b * d;
+    }
+  }
+  for (uint32_t k = 0; k <= h; ++k) {
+    const double u = static_cast<double>(k) * du;
+    double v;
+    if (u <= 1.0) {
+      v = P[0];
+    } else if (u >= static_cast<double>(H)) {
+      v = P[H - 1];
+    } else {
+      const uint32_t j = static_cast<uint32_t>(u);  // between harmonics j and j+1
+      const double t = u - static_cast<double>(j), t2 = t * t, t3 = t2 * t;
+      v = (2.0 * t3 - 3.0 * t2 + 1.0) * P[j - 1] + (t3 - 2.0 * t2 + t) * slope[j - 1] +
+          (3.0 * t2 - 2.0 * t3) * P[j] + (t3 - t2) * slope[j];
+    }
+    out[k] = 0.5 * std::log(v);
+  }
+}
+
+// Vector layout sizes (doubles) of the two areas for K harmonics and a
+// window of maxlen samples.
+uint64_t hamvector(uint64_t K, uint64_t maxlen) { return (maxlen / 2 + 1) + (2 * K + 1) + 2 * (K + 1); }
+uint64_t hammatrix(uint64_t K) { return (K + 1) * (K + 1) + K * K; }
+uint64_t qhamvector(uint64_t K, uint64_t maxlen) {
+  // weights, 4 vectors of 2K+1, 4 rotor arrays, frequencies and coefficients
+  return (maxlen / 2 + 1) + 4 * (2 * K + 1) + 4 * K + K + 4 * K;
+}
+uint64_t qhammatrix(uint64_t K) { return 2 * (2 * K + 1) * (2 * K + 1); }
+
+// Quasi-harmonic analysis with kQhmFits fits; w (K doubles) holds the start
+// frequencies and receives the final ones; coef the final fit.
+bool runqhm(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t K, QHAMEM *a,
+            int fits, Frame *fr, double **wout, double **coefout) {
+  if (K == 0 || K > a->maxharms) return false;
+  double *w2 = a->vector;
+  if (!prepareframe(x, n, fs, centre, f0, kQhmPeriods, a, fr, w2)) return false;
+  double *w = a->vector + (fr->h + 1) + 4 * (2 * static_cast<uint64_t>(K) + 1) + 4 * static_cast<uint64_t>(K);
+  double *coef = w + K;
+  const double w0 = kTwoPi * f0 / fs;
+  for (uint32_t k = 0; k < K; ++k) w[k] = static_cast<double>(k + 1) * w0;
+  for (int it = 0; it < fits; ++it) {
+    if (!fitquasiharmonic(*fr, w2, w, K, a, coef)) return false;
+    if (it + 1 == fits) break;
+    // Corrected frequencies stay close to the harmonic series of the refined
+    // f0: a harmonic whose start was outside the model's capture range (a
+    // high harmonic of a slightly wrong f0) is re-seeded near its true place
+    // instead of wandering.
+    const double w0r = refinedw0(w, coef, K, fr->h, w0);
+    const double base = (w0r > 0.0) ? w0r : w0;
+    for (uint32_t k = 0; k < K; ++k) {
+      const double nominal = static_cast<double>(k + 1) * base;
+      double wk = w[k] + clampabs(mismatch(coef + 4 * k, fr->h), kMaxCorrection * w0);
+      wk = nominal + clampabs(wk - nominal, kSeriesTolerance * base);
+      if (!(wk > 0.0 && wk < kPi)) wk = w[k];
+      w[k] = wk;
+    }
+  }
+  *wout = w;
+  *coefout = coef;
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+
+HAMEM *hameminitialize(double fs, double fmax, double fmin) {
+  const Sizing sz = sizefor(fs, fmax, fmin, kPeriods);
+  if (!sz.ok) return nullptr;
+  return newarea<HAMEM>(HAMEM_KIND, fs, fmax, sz, hammatrix(sz.maxharms), hamvector(sz.maxharms, sz.maxlen));
+}
+
+int hamemdestroy(HAMEM *area) {
+  freearea(area);
+  return 0;
+}
+
+QHAMEM *qhameminitialize(double fs, double fmax, double fmin) {
+  const Sizing sz = sizefor(fs, fmax, fmin, kQhmPeriods);
+  if (!sz.ok) return nullptr;
+  return newarea<QHAMEM>(QHAMEM_KIND, fs, fmax, sz, qhammatrix(sz.maxharms), qhamvector(sz.maxharms, sz.maxlen));
+}
+
+int qhamemdestroy(QHAMEM *area) {
+  freearea(area);
+  return 0;
+}
+
+int getharmonics(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t H, double *amps,
+                 double *phases, HAMEM *area) {
+  if (!area || !amps || kindof(area) != HAMEM_KIND) return -1;
+  if (H == 0 || H > area->maxharms) return -1;
+  Frame fr{};
+  double *w2 = area->vector;
+  if (!prepareframe(x, n, fs, centre, f0, kPeriods, area, &fr, w2)) return -1;
+  double *rc = nullptr, *rs = nullptr;
+  if (!fitharmonic(fr, w2, kTwoPi * f0 / fs, H, area, &rc, &rs)) return -1;
+  for (uint32_t k = 1; k <= H; ++k) {
+    amps[k - 1] = std::sqrt(rc[k] * rc[k] + rs[k] * rs[k]);
+    if (phases) phases[k - 1] = std::atan2(-rs[k], rc[k]);
+  }
+  return 0;
+}
+
+int getsqharmonics(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t H, double *amps,
+                   double *phases, double *freqs, QHAMEM *area) {
+  if (!area || !amps || kindof(area) != QHAMEM_KIND) return -1;
+  Frame fr{};
+  double *w = nullptr, *coef = nullptr;
+  if (!runqhm(x, n, fs, centre, f0, H, area, kQhmFits, &fr, &w, &coef)) return -1;
+  const double w0 = kTwoPi * f0 / fs;
+  for (uint32_t k = 0; k < H; ++k) {
+    const double c = coef[4 * k], s = coef[4 * k + 1];
+    amps[k] = std::sqrt(c * c + s * s);
+    if (phases) phases[k] = std::atan2(-s, c);
+    // The last fit's mismatch still improves the frequency (its amplitude at
+    // the centre is insensitive to a small mismatch).
+    if (freqs) freqs[k] = (w[k] + clampabs(mismatch(coef + 4 * k, fr.h), kSeriesTolerance * w0)) * fs / kTwoPi;
+  }
+  return 0;
+}
+
+double qharefinepitch(const double *x, uint32_t n, double fs, uint32_t centre, double f0, double fmax,
+                      QHAMEM *area) {
+  if (!area || kindof(area) != QHAMEM_KIND || std::isnan(fmax)) return 0.0;
+  uint32_t K = hanoharms(fs, fmax, f0);
+  if (K > area->maxharms) K = area->maxharms;
+  Frame fr{};
+  double *w = nullptr, *coef = nullptr;
+  if (!runqhm(x, n, fs, centre, f0, K, area, 1, &fr, &w, &coef)) return 0.0;
+  const double f = refinedw0(w, coef, K, fr.h, kTwoPi * f0 / fs) * fs / kTwoPi;
+  return std::isfinite(f) ? f : 0.0;
+}
+
+int getlogspectrumfromharms(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft,
+                            double *buf, HAMEM *area) {
+  if (!area || !buf || nfft < 4 || (nfft & (nfft - 1)) != 0) return -1;
+  if (!finitepositive(f0) || !finitepositive(fs)) return -1;
+  const uint32_t kind = kindof(area);
+  double *amps = buf + nfft;
+  uint32_t H;
+  if (kind == HAMEM_KIND) {
+    H = hanoharms(fs, area->fmax, f0);
+    if (H == 0 || 2 * static_cast<uint64_t>(H) > nfft) return -1;
+    if (getharmonics(x, n, fs, centre, f0, H, amps, nullptr, area) != 0) return -1;
+  } else if (kind == QHAMEM_KIND) {
+    QHAMEM *q = reinterpret_cast<QHAMEM *>(area);
+    H = hanoharms(fs, q->fmax, f0);
+    if (H == 0 || 2 * static_cast<uint64_t>(H) > nfft) return -1;
+    if (getsqharmonics(x, n, fs, centre, f0, H, amps, nullptr, nullptr, q) != 0) return -1;
+  } else {
+    return -1;
+  }
+  // Harmonic power density a^2 / (4 f0), never below the periodogram's
+  // silence floor, then interpolated onto the bins 0 .. nfft/2.
+  const double floor = 1.0000000000000002e-10 / fs;
+  for (uint32_t k = 0; k < H; ++k) {
+    const double d = amps[k] * amps[k] / (4.0 * f0);
+    amps[k] = (d > floor) ? d : floor;  // also a zero amplitude
+  }
+  const uint32_t h = nfft / 2;
+  interpolateharmonics(amps, amps + H, H, fs / (static_cast<double>(nfft) * f0), h, buf);
+  for (uint32_t k = 1; k < h; ++k) buf[nfft - k] = buf[k];
+  return 0;
+}
+
+}  // extern "C"
