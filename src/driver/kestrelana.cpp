@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "ccanalysis.h"
+#include "drivercommon.h"
 #include "fdoubleio.h"
 #include "fvanalysis.h"
 #include "paramread.h"
@@ -36,7 +37,6 @@
 
 namespace {
 
-constexpr const char *kVersion = "0.99";
 constexpr double kFs = 16000.0;
 // Longest recording analysed, in samples at 16 kHz (about 4 h 40 min). Every
 // count derived from it (frames, samples of the resynthesis, window ends)
@@ -95,19 +95,7 @@ void printusageerror(const char *progpath) {
 
 void printhelp(const char *progpath) {
   const char *prog = getfilename(progpath);
-  std::printf("\n");
-  std::printf("  +---------------------------------------------------------------+\n");
-  std::printf("  |  Kestrel speech vocoder toolkit, released under the MIT       |\n");
-  std::printf("  |  licence: you may use, copy, modify and distribute it freely, |\n");
-  std::printf("  |  keeping the copyright notice. It comes with no warranty.     |\n");
-  std::printf("  |  Contact: Kestrel developers, see README.md                   |\n");
-  std::printf("  +---------------------------------------------------------------+\n");
-  std::printf("\n");
-  std::printf("  === KESTRELANA16 v%s ===\n", kVersion);
-  std::printf("\n");
-  std::printf("  Written by the Kestrel developers.\n");
-  std::printf("  Harmonic-plus-noise analysis of speech at 16 kHz.\n");
-  std::printf("\n");
+  kestrel_driver::printbanner("KESTRELANA16", "Harmonic-plus-noise analysis of speech at 16 kHz.");
   std::printf("  Usage:\n");
   std::printf("   %s filewav filef0 filecc [filefv] [params]\n", prog);
   std::printf("\n");
@@ -545,8 +533,11 @@ void processutterance(const FileNames &names, const Settings &s) {
     fv.resize(nframes);
     getfvoicing(x, n, kFs, shift, shift, nframes, f0.data(), fv.data());
   }
-  waveform2cc(x, n, kFs, shift, shift, nframes, f0.data(), order, cc.data(), s.alpha,
-              static_cast<uint8_t>(s.method));
+  if (waveform2cc(x, n, kFs, shift, shift, nframes, f0.data(), order, cc.data(), s.alpha,
+                  static_cast<uint8_t>(s.method)) != 0) {
+    printerror("cepstral analysis of %s failed; nothing written.", names.wav);
+    return;
+  }
   if (s.htsscale == 1) htsadapteradhoc(cc.data(), order, nframes);
   if (!allfinite(f0) || !allfinite(cc) || !allfinite(fv)) {
     printerror("analysis of %s gave values that are not finite numbers; nothing written.", names.wav);
@@ -564,31 +555,22 @@ void processutterance(const FileNames &names, const Settings &s) {
 // ---------------------------------------------------------------------------
 // Batch.
 
-void setindex(const FileNames &names, uint32_t index) {
-  // A placeholder too narrow for the index leaves the name as it was.
-  replacefileindex(names.wav, index);
-  replacefileindex(names.f0, index);
-  replacefileindex(names.cc, index);
-  if (names.fv) replacefileindex(names.fv, index);
-}
-
-void runbatch(const FileNames &names, const Settings &s) {
+void runbatch(FileNames names, const Settings &s) {
   if (!s.indlist) {
     processutterance(names, s);
     return;
   }
-  for (const char *pos = s.indlist; pos; pos = strnumnextinterv(pos)) {
-    const uint32_t start = strnumintervstart(pos);
-    const uint32_t end = strnumintervend(pos, start);
-    if (end < start) continue;
-    for (uint32_t i = start;; ++i) {  // inclusive, without wrapping past end
-      setindex(names, i);
-      std::printf("%s\n", names.cc);
-      std::fflush(stdout);
-      processutterance(names, s);
-      if (i == end) break;
+  char *const slots[] = {names.wav, names.f0, names.cc, names.fv};
+  kestrel_driver::foreachindex(s.indlist, [&](uint32_t i) {
+    const char *misfit = kestrel_driver::setindexednames(slots, 4, i);
+    std::printf("%s\n", names.cc);
+    if (misfit) {
+      printerror("index %u does not fit the file-name placeholder of %s.", static_cast<unsigned>(i), misfit);
+      return;
     }
-  }
+    std::fflush(stdout);
+    processutterance(names, s);
+  });
 }
 
 }  // namespace

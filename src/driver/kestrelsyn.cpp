@@ -5,11 +5,11 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "drivercommon.h"
 #include "paramread.h"
 
 namespace {
 
-constexpr const char *kVersion = "0.99";
 constexpr const char *kFallbackName = "kestrelsyn";
 
 const char *programname(const char *progpath) {
@@ -23,19 +23,7 @@ extern "C" {
 
 int plothelp(const char *progpath) {
   const char *name = programname(progpath);
-  std::printf("\n");
-  std::printf("  +---------------------------------------------------------------+\n");
-  std::printf("  |  Kestrel speech vocoder toolkit, released under the MIT       |\n");
-  std::printf("  |  licence: you may use, copy, modify and distribute it freely, |\n");
-  std::printf("  |  keeping the copyright notice. It comes with no warranty.     |\n");
-  std::printf("  |  Contact: Kestrel developers, see README.md                   |\n");
-  std::printf("  +---------------------------------------------------------------+\n");
-  std::printf("\n");
-  std::printf("  === KESTRELSYN16 v%s ===\n", kVersion);
-  std::printf("\n");
-  std::printf("  Written by the Kestrel developers.\n");
-  std::printf("  Harmonic-plus-noise decoder for 16 kHz speech.\n");
-  std::printf("\n");
+  kestrel_driver::printbanner("KESTRELSYN16", "Harmonic-plus-noise decoder for 16 kHz speech.");
   std::printf("  Usage:\n");
   std::printf("   %s filef0 filecc filefv fileout [params]\n", name);
   std::printf("\n");

@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "ccanalysis.h"
+#include "drivercommon.h"
 #include "fdoubleio.h"
 #include "kestrelsyn.h"
 #include "paramread.h"
@@ -152,15 +153,11 @@ void composewarping(Settings *s) {
   if (s->fwarp != 0.0) s->alpha = (s->alpha - s->fwarp) / (1.0 - s->fwarp * s->alpha);
 }
 
-// Writes index i into every name; prints the output name. False when a
-// placeholder is too narrow for i (names without a placeholder stay as they are).
+// Writes index i into every name and prints the output name. False when a
+// placeholder is too narrow for i.
 bool setbatchnames(const Files &files, uint32_t i) {
   char *const names[] = {files.f0, files.cc, files.fv, files.out};
-  const char *misfit = nullptr;
-  for (char *name : names) {
-    if (!name) continue;
-    if (replacefileindex(name, i) != 0 && getfileindex(name) != nullptr && !misfit) misfit = name;
-  }
+  const char *misfit = kestrel_driver::setindexednames(names, 4, i);
   msg::outputname(files.out);
   if (misfit) {
     msg::indexdoesnotfit(i, misfit);
@@ -264,16 +261,9 @@ void runbatch(const Settings &s, const Files &files) {
     processutterance(s, files);
     return;
   }
-  for (const char *pos = s.indlist; pos; pos = strnumnextinterv(pos)) {
-    const uint32_t start = strnumintervstart(pos);
-    const uint32_t end = strnumintervend(pos, start);
-    if (end < start) continue;
-    // Stop after end itself, so that an end of 4294967295 cannot wrap.
-    for (uint32_t i = start;; ++i) {
-      if (setbatchnames(files, i)) processutterance(s, files);
-      if (i == end) break;
-    }
-  }
+  kestrel_driver::foreachindex(s.indlist, [&](uint32_t i) {
+    if (setbatchnames(files, i)) processutterance(s, files);
+  });
 }
 
 }  // namespace

@@ -677,6 +677,16 @@ TEST(KestrelanaCli, BatchGoesOnPastAMissingFile) {
   EXPECT_EQ(s.status, 0);
   EXPECT_EQ(readwav(dir + "/syn001.wav").size(), (expectedframes(8000, 80) + 1u) * 80u + 1u);
   EXPECT_EQ(readwav(dir + "/syn003.wav").size(), (expectedframes(11200, 80) + 1u) * 80u + 1u);
+
+  // A placeholder too narrow for the index skips that utterance with an error
+  // instead of analysing the previous index's file again.
+  writewav16k(dir + "/n9.wav", harmonicsignal(150.0, 16000.0, 0.3, 0.5));
+  writewav16k(dir + "/n10.wav", harmonicsignal(150.0, 16000.0, 0.3, 0.5));
+  const Result narrow = ana({dir + "/n?.wav", dir + "/n?.lf0", dir + "/n?.cc", "--indlist=9-10"});
+  EXPECT_EQ(narrow.status, 0);
+  const std::vector<std::string> narrowlines = {
+      dir + "/n9.cc", dir + "/n9.cc", "Error: index 10 does not fit the file-name placeholder of " + dir + "/n9.wav."};
+  EXPECT_EQ(narrow.lines, narrowlines) << narrow.out;
 }
 
 // Every bad input ends its utterance with one "Error: " line, leaves nothing
