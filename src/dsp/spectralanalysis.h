@@ -41,7 +41,7 @@ KESTREL_API int namemdestroy(NAMEM *area);
 KESTREL_API int getnoiselogspectrum(const double *x, uint32_t n, double fs, uint32_t c, uint32_t nfft,
                                     double *out, NAMEM *area);
 
-/* --- FIR filtering (spectralfilter.cpp) ------------------------------------ */
+/* --- FIR filtering (firfilter.cpp) ---------------------------------------- */
 /* Zero-phase FIR filtering of x (n samples at fs Hz) into y (n samples, must
  * not overlap x) by FFT overlap-add with nfft-point transforms (power of two,
  * 4 .. 2^22). The filter has nfft/2+1 taps: a Hann-windowed frequency-sampling

@@ -124,7 +124,7 @@ enum class Sample { Pcm8, Pcm16, Pcm24, Float32 };
 // frames of `channels` values, an optional LIST chunk before "data", and a
 // data size that may claim more than is written (the file is then extended
 // to that size, sparsely).
-struct WavSpec {
+struct WavLayout {
   uint32_t rate = 16000;
   uint32_t channels = 1;
   Sample sample = Sample::Pcm16;
@@ -132,24 +132,24 @@ struct WavSpec {
   uint64_t claimedframes = 0;  // 0: the frames given
 };
 
-void writewav(const std::string &path, const WavSpec &spec, const std::vector<double> &interleaved) {
-  const uint32_t bytes = spec.sample == Sample::Pcm8 ? 1 : spec.sample == Sample::Pcm16 ? 2
-                         : spec.sample == Sample::Pcm24 ? 3 : 4;
-  const uint64_t frames = spec.claimedframes ? spec.claimedframes : interleaved.size() / spec.channels;
-  const uint32_t datasize = static_cast<uint32_t>(frames * spec.channels * bytes);
+void writewav(const std::string &path, const WavLayout &layout, const std::vector<double> &interleaved) {
+  const uint32_t bytes = layout.sample == Sample::Pcm8 ? 1 : layout.sample == Sample::Pcm16 ? 2
+                         : layout.sample == Sample::Pcm24 ? 3 : 4;
+  const uint64_t frames = layout.claimedframes ? layout.claimedframes : interleaved.size() / layout.channels;
+  const uint32_t datasize = static_cast<uint32_t>(frames * layout.channels * bytes);
   std::vector<unsigned char> b;
   puttag(&b, "RIFF");
-  put32(&b, 36 + datasize + (spec.listchunk ? 12 : 0));
+  put32(&b, 36 + datasize + (layout.listchunk ? 12 : 0));
   puttag(&b, "WAVE");
   puttag(&b, "fmt ");
   put32(&b, 16);
-  put16(&b, spec.sample == Sample::Float32 ? 3 : 1);
-  put16(&b, spec.channels);
-  put32(&b, spec.rate);
-  put32(&b, spec.rate * spec.channels * bytes);
-  put16(&b, spec.channels * bytes);
+  put16(&b, layout.sample == Sample::Float32 ? 3 : 1);
+  put16(&b, layout.channels);
+  put32(&b, layout.rate);
+  put32(&b, layout.rate * layout.channels * bytes);
+  put16(&b, layout.channels * bytes);
   put16(&b, bytes * 8);
-  if (spec.listchunk) {
+  if (layout.listchunk) {
     puttag(&b, "LIST");
     put32(&b, 4);
     puttag(&b, "INFO");
@@ -157,7 +157,7 @@ void writewav(const std::string &path, const WavSpec &spec, const std::vector<do
   puttag(&b, "data");
   put32(&b, datasize);
   for (double v : interleaved) {
-    switch (spec.sample) {
+    switch (layout.sample) {
       case Sample::Pcm8:
         b.push_back(static_cast<unsigned char>(std::lround(std::max(-1.0, std::min(v, 127.0 / 128)) * 128) + 128));
         break;
@@ -182,7 +182,7 @@ void writewav(const std::string &path, const WavSpec &spec, const std::vector<do
     }
   }
   writebytes(path, b);
-  if (spec.claimedframes) fs::resize_file(path, b.size() - interleaved.size() * bytes + datasize);
+  if (layout.claimedframes) fs::resize_file(path, b.size() - interleaved.size() * bytes + datasize);
 }
 
 // 16 kHz mono 16-bit through the library's writer (the exact reading path).
@@ -575,7 +575,7 @@ TEST(KestrelanaCli, OtherFormatsAreResampledAndMixedDown) {
 
   struct Case {
     const char *name;
-    WavSpec spec;
+    WavLayout layout;
     double left, right;  // gains of the first two channels (further ones silent)
     // dB: copy synthesis is not exactly level-invariant (about 0.1 dB at -12 dB),
     // and at 8 kHz nothing is left of the original's noise floor above 4 kHz.
@@ -590,14 +590,14 @@ TEST(KestrelanaCli, OtherFormatsAreResampledAndMixedDown) {
       {"16k_3ch_24bit", {16000, 3, Sample::Pcm24}, 0.5, 0.25, 0.5},
   };
   for (const auto &c : cases) {
-    const std::vector<double> s = harmonicsignal(f, c.spec.rate, seconds, peak, fmax);
+    const std::vector<double> s = harmonicsignal(f, c.layout.rate, seconds, peak, fmax);
     std::vector<double> inter;
     for (double v : s) {
       inter.push_back(c.left * v);
-      for (uint32_t ch = 1; ch < c.spec.channels; ++ch) inter.push_back(ch == 1 ? c.right * v : 0.0);
+      for (uint32_t ch = 1; ch < c.layout.channels; ++ch) inter.push_back(ch == 1 ? c.right * v : 0.0);
     }
     const std::string base = dir + "/" + c.name, out = base + ".out.wav";
-    writewav(base + ".wav", c.spec, inter);
+    writewav(base + ".wav", c.layout, inter);
     Result r = ana({base + ".wav", base + ".lf0", base + ".cc"});
     ASSERT_EQ(r.status, 0) << c.name << r.out;
     EXPECT_EQ(r.out, "") << c.name;
@@ -611,7 +611,7 @@ TEST(KestrelanaCli, OtherFormatsAreResampledAndMixedDown) {
     const std::vector<double> y = readwav(out);
     const size_t n16 = static_cast<size_t>(std::lround(seconds * 16000));
     // The level of the 16 kHz original times the channel average.
-    const double mixgain = (c.left + (c.spec.channels > 1 ? c.right : 0.0)) / c.spec.channels;
+    const double mixgain = (c.left + (c.layout.channels > 1 ? c.right : 0.0)) / c.layout.channels;
     EXPECT_NEAR(20.0 * std::log10(rms(y) / refrms), 20.0 * std::log10(mixgain), c.leveltol) << c.name;
     EXPECT_GE(y.size() + 1, n16) << c.name;
     EXPECT_LE(y.size(), n16 + kShift) << c.name;
@@ -624,9 +624,9 @@ TEST(KestrelanaCli, SixteenKilohertzFileWithExtraChunkGivesTheSameFeatures) {
   const std::string dir = freshdir();
   const std::vector<double> x = harmonicsignal(170.0, 16000.0, 0.8, 0.5);
   writewav16k(dir + "/plain.wav", x);
-  WavSpec spec;
-  spec.listchunk = true;
-  writewav(dir + "/list.wav", spec, readwav(dir + "/plain.wav"));
+  WavLayout layout;
+  layout.listchunk = true;
+  writewav(dir + "/list.wav", layout, readwav(dir + "/plain.wav"));
   ASSERT_EQ(readwav(dir + "/list.wav").size(), 0u);  // the exact reader refuses it
   ASSERT_EQ(ana({dir + "/plain.wav", dir + "/p.lf0", dir + "/p.cc", dir + "/p.fv"}).status, 0);
   ASSERT_EQ(ana({dir + "/list.wav", dir + "/l.lf0", dir + "/l.cc", dir + "/l.fv"}).status, 0);
@@ -644,7 +644,7 @@ TEST(KestrelanaCli, BurstsStayAlignedAfterCopySynthesis) {
   const std::vector<double> s44 = burstsignal(44100.0);
   std::vector<double> inter;
   for (double v : s44) inter.insert(inter.end(), {v, v});
-  writewav(dir + "/b44.wav", WavSpec{44100, 2, Sample::Pcm16}, inter);
+  writewav(dir + "/b44.wav", WavLayout{44100, 2, Sample::Pcm16}, inter);
   const std::vector<double> ex = envelope(x, 160, 4, x.size());
   for (const char *name : {"b16", "b44"}) {
     const std::string base = dir + "/" + name;
@@ -715,21 +715,21 @@ TEST(KestrelanaCli, BadInputsEndTheUtteranceCleanly) {
   {
     std::ofstream(in + "/text.wav") << "This is not audio at all, just some words.\n";
   }
-  writewav(in + "/zero16k.wav", WavSpec{}, {});
-  writewav(in + "/zero44k.wav", WavSpec{44100, 2, Sample::Pcm16}, {});
+  writewav(in + "/zero16k.wav", WavLayout{}, {});
+  writewav(in + "/zero44k.wav", WavLayout{44100, 2, Sample::Pcm16}, {});
   writewav16k(in + "/silent16k.wav", std::vector<double>(16000, 0.0));
-  writewav(in + "/silent44k.wav", WavSpec{44100, 2, Sample::Pcm16}, std::vector<double>(88200, 0.0));
+  writewav(in + "/silent44k.wav", WavLayout{44100, 2, Sample::Pcm16}, std::vector<double>(88200, 0.0));
   writewav16k(in + "/short.wav", harmonicsignal(150.0, 16000.0, 80 / 16000.0, 0.5));
   fs::create_directories(in + "/dir.wav");
   {
-    WavSpec spec;
-    spec.claimedframes = (uint64_t{1} << 28) + 1;  // one sample over the limit, sparse
-    writewav(in + "/long16k.wav", spec, std::vector<double>(1000, 0.1));
-    spec.rate = 8000;
-    spec.claimedframes = (uint64_t{1} << 27) + 1;  // 2^28 + 2 samples once resampled
-    writewav(in + "/long8k.wav", spec, std::vector<double>(1000, 0.1));
+    WavLayout layout;
+    layout.claimedframes = (uint64_t{1} << 28) + 1;  // one sample over the limit, sparse
+    writewav(in + "/long16k.wav", layout, std::vector<double>(1000, 0.1));
+    layout.rate = 8000;
+    layout.claimedframes = (uint64_t{1} << 27) + 1;  // 2^28 + 2 samples once resampled
+    writewav(in + "/long8k.wav", layout, std::vector<double>(1000, 0.1));
   }
-  writewav(in + "/nan.wav", WavSpec{16000, 1, Sample::Float32}, nanwave);
+  writewav(in + "/nan.wav", WavLayout{16000, 1, Sample::Float32}, nanwave);
 
   for (const auto &e : expected) {
     const std::string out = dir + "/out";
@@ -770,7 +770,7 @@ TEST(KestrelanaCli, ClippingWarnsAboveOneInAThousandSamples) {
     inter.push_back(i % 200 == 0 ? 1.0 : s[i]);
     inter.push_back(s[i]);
   }
-  writewav(dir + "/st.wav", WavSpec{44100, 2, Sample::Pcm16}, inter);
+  writewav(dir + "/st.wav", WavLayout{44100, 2, Sample::Pcm16}, inter);
   const Result r = ana({dir + "/st.wav", dir + "/c.lf0", dir + "/c.cc"});
   ASSERT_EQ(r.lines.size(), 1u) << r.out;
   EXPECT_EQ(r.lines[0], "Warning: " + dir + "/st.wav is clipped (0.25 % of its samples at full scale).");
