@@ -4,6 +4,8 @@
 // second of audio (lower is faster); items/s counts frames per second.
 #include <benchmark/benchmark.h>
 
+#include "benchutil.h"
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -12,7 +14,6 @@
 
 #include "fvanalysis.h"
 #include "pitchanalysis.h"
-#include "wavm1616io.h"
 #include "windowing.h"
 
 namespace {
@@ -31,15 +32,8 @@ struct Recording {
 const Recording &recording() {
   static const Recording r = [] {
     Recording r;
-    const std::string path = std::string(KESTREL_SOURCE_DIR) + "/examples/speech/m_awb_arctic_a0007.wav";
-    double *x = nullptr;
-    const uint32_t n = wavreadm1616(path.c_str(), &x);
-    if (n == 0) {
-      std::fprintf(stderr, "cannot read %s\n", path.c_str());
-      std::exit(1);
-    }
-    r.x.assign(x, x + n);
-    std::free(x);
+    r.x = loadrecording("m_awb_arctic_a0007.wav");
+    const uint32_t n = static_cast<uint32_t>(r.x.size());
     r.nframes = getnumanalysisframes(n, kShift, 0);
     r.f0.resize(r.nframes);
     getpitch(r.x.data(), n, kFs, kShift, 0, r.nframes, 60, 500, r.f0.data());

@@ -4,6 +4,8 @@
 // second of audio (lower is faster); items/s are frames per second.
 #include <benchmark/benchmark.h>
 
+#include "benchutil.h"
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -12,7 +14,6 @@
 
 #include "ccanalysis.h"
 #include "pitchanalysis.h"
-#include "wavm1616io.h"
 
 namespace {
 
@@ -31,15 +32,8 @@ struct Recording {
 const Recording &recording() {
   static const Recording r = [] {
     Recording rec;
-    const std::string path = std::string(KESTREL_SOURCE_DIR) + "/examples/speech/m_aew_arctic_a0001.wav";
-    double *raw = nullptr;
-    const uint32_t n = wavreadm1616(path.c_str(), &raw);
-    if (n == 0) {
-      std::fprintf(stderr, "cannot read %s\n", path.c_str());
-      std::exit(1);
-    }
-    rec.x.assign(raw, raw + n);
-    std::free(raw);
+    rec.x = loadrecording("m_aew_arctic_a0001.wav");
+    const uint32_t n = static_cast<uint32_t>(rec.x.size());
     rec.nframes = (n - 1 + kShift - 1) / kShift - 1;
     rec.f0.resize(rec.nframes);
     getpitch(rec.x.data(), n, kFs, kShift, kShift, rec.nframes, 60.0, 500.0, rec.f0.data());
