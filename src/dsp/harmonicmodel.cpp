@@ -21,7 +21,9 @@
 // corrected frequencies converges in a few iterations. In real form with
 // t = n/h the even unknowns (1, cos w_k n, t sin w_k n) and the odd ones
 // (t, sin w_k n, t cos w_k n) again decouple on a symmetric window, here of
-// four pitch periods.
+// four pitch periods. The corrected frequencies are no longer multiples of
+// one another, but the window is a short cosine series, so the matrix entries
+// still come in closed form from sums at w_k +- w_l (see windowsums).
 //
 // Samples outside the signal read as 0, so frames at the ends keep a
 // symmetric window (their amplitudes are biased low by the missing part).
@@ -168,33 +170,76 @@ bool prepareframe(const double *x, uint32_t n, double fs, uint32_t centre, doubl
 }
 
 // Solves G x = b in place (b becomes x) for a symmetric positive-definite G
-// of which the lower triangle (row-major, n x n) is given; G is destroyed.
+// of which the upper triangle (row-major, n x n) is given; G is destroyed
+// and holds U with G = U'U. Pivot rows are applied four at a time to the rows
+// below them along contiguous memory, two columns per vector operation; every
+// entry still takes its updates in pivot order, so the result equals the
+// plain elimination bit for bit.
+constexpr uint32_t kPanel = 4;
+#if defined(__GNUC__)
+typedef double v2d __attribute__((vector_size(16)));
+inline v2d loadv2d(const double *p) {
+  v2d v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+#endif
+
 bool choleskysolve(double *G, double *b, uint32_t n, double ridge) {
   for (uint32_t i = 0; i < n; ++i) G[static_cast<uint64_t>(i) * n + i] += ridge;
-  for (uint32_t j = 0; j < n; ++j) {
-    double *Lj = G + static_cast<uint64_t>(j) * n;
-    double s = Lj[j];
-    for (uint32_t k = 0; k < j; ++k) s -= Lj[k] * Lj[k];
-    if (!(s > 0.0) || !std::isfinite(s)) return false;
-    const double d = std::sqrt(s);
-    Lj[j] = d;
-    for (uint32_t i = j + 1; i < n; ++i) {
-      double *Li = G + static_cast<uint64_t>(i) * n;
-      double t = Li[j];
-      for (uint32_t k = 0; k < j; ++k) t -= Li[k] * Lj[k];
-      Li[j] = t / d;
+  for (uint32_t jb = 0; jb < n; jb += kPanel) {
+    const uint32_t je = (n - jb > kPanel) ? jb + kPanel : n;
+    for (uint32_t j = jb; j < je; ++j) {
+      double *Uj = G + static_cast<uint64_t>(j) * n;
+      const double s = Uj[j];
+      if (!(s > 0.0) || !std::isfinite(s)) return false;
+      const double d = std::sqrt(s);
+      Uj[j] = d;
+      for (uint32_t i = j + 1; i < n; ++i) Uj[i] /= d;
+      for (uint32_t i = j + 1; i < je; ++i) {
+        double *Ui = G + static_cast<uint64_t>(i) * n;
+        const double u = Uj[i];
+        for (uint32_t l = i; l < n; ++l) Ui[l] -= u * Uj[l];
+      }
+    }
+    const double *P[kPanel];
+    for (uint32_t p = 0; p < je - jb; ++p) P[p] = G + static_cast<uint64_t>(jb + p) * n;
+    for (uint32_t i = je; i < n; ++i) {
+      double *__restrict Ui = G + static_cast<uint64_t>(i) * n;
+      if (je - jb == kPanel) {
+        const double *__restrict P0 = P[0], *__restrict P1 = P[1], *__restrict P2 = P[2], *__restrict P3 = P[3];
+        const double u0 = P0[i], u1 = P1[i], u2 = P2[i], u3 = P3[i];
+        uint32_t l = i;
+#if defined(__GNUC__)
+        const v2d v0 = {u0, u0}, v1 = {u1, u1}, v2 = {u2, u2}, v3 = {u3, u3};
+        for (; l + 2 <= n; l += 2) {
+          v2d t = loadv2d(Ui + l);
+          t -= v0 * loadv2d(P0 + l);
+          t -= v1 * loadv2d(P1 + l);
+          t -= v2 * loadv2d(P2 + l);
+          t -= v3 * loadv2d(P3 + l);
+          std::memcpy(Ui + l, &t, sizeof t);
+        }
+#endif
+        for (; l < n; ++l) Ui[l] = (((Ui[l] - u0 * P0[l]) - u1 * P1[l]) - u2 * P2[l]) - u3 * P3[l];
+      } else {
+        for (uint32_t p = 0; p < je - jb; ++p) {
+          const double u = P[p][i];
+          for (uint32_t l = i; l < n; ++l) Ui[l] -= u * P[p][l];
+        }
+      }
     }
   }
   for (uint32_t i = 0; i < n; ++i) {
-    const double *Li = G + static_cast<uint64_t>(i) * n;
     double t = b[i];
-    for (uint32_t k = 0; k < i; ++k) t -= Li[k] * b[k];
-    b[i] = t / Li[i];
+    for (uint32_t k = 0; k < i; ++k) t -= G[static_cast<uint64_t>(k) * n + i] * b[k];
+    b[i] = t / G[static_cast<uint64_t>(i) * n + i];
   }
   for (uint32_t i = n; i-- > 0;) {
+    const double *Ui = G + static_cast<uint64_t>(i) * n;
     double t = b[i];
-    for (uint32_t k = i + 1; k < n; ++k) t -= G[static_cast<uint64_t>(k) * n + i] * b[k];
-    b[i] = t / G[static_cast<uint64_t>(i) * n + i];
+    for (uint32_t k = i + 1; k < n; ++k) t -= Ui[k] * b[k];
+    b[i] = t / Ui[i];
   }
   for (uint32_t i = 0; i < n; ++i)
     if (!std::isfinite(b[i])) return false;
@@ -240,16 +285,135 @@ bool fitharmonic(const Frame &fr, const double *w2, double w0, uint32_t H, HAMEM
   double *Gc = a->matrix;
   double *Gs = Gc + static_cast<uint64_t>(nc) * nc;
   for (uint32_t k = 0; k <= H; ++k)
-    for (uint32_t l = 0; l <= k; ++l) Gc[static_cast<uint64_t>(k) * nc + l] = 0.5 * (W[k - l] + W[k + l]);
+    for (uint32_t l = 0; l <= k; ++l) Gc[static_cast<uint64_t>(l) * nc + k] = 0.5 * (W[k - l] + W[k + l]);
   for (uint32_t k = 1; k <= H; ++k)
     for (uint32_t l = 1; l <= k; ++l)
-      Gs[static_cast<uint64_t>(k - 1) * ns + (l - 1)] = 0.5 * (W[k - l] - W[k + l]);
+      Gs[static_cast<uint64_t>(l - 1) * ns + (k - 1)] = 0.5 * (W[k - l] - W[k + l]);
   const double ridge = kRidge * W[0];
   if (!choleskysolve(Gc, rc, nc, ridge)) return false;
   if (!choleskysolve(Gs, rs + 1, ns, ridge)) return false;
   *rcout = rc;
   *rsout = rs;
   return true;
+}
+
+// Window sums behind the quasi-harmonic normal matrices. The squared Hamming
+// weight is a short cosine series, g(n) = sum_m alpha_m cos(m pi n / h),
+// m = -2..2, so every entry is a combination of
+//   A0(v) = sum g cos(v n),  B1(v) = sum g t sin(v n),  A2(v) = sum g t^2 cos(v n)
+// (n = -h..h) at the difference and sum frequencies v = w_k -+ w_l, and each
+// of these follows from the Dirichlet kernel D(p) = sum cos(p n) =
+// sin(M p) / sin(p/2), M = h + 1/2, and its first two derivatives at
+// p = v + m pi/h: O(K^2) work per fit instead of O(N K^2).
+constexpr double kAlpha[5] = {0.46 * 0.46 / 4.0, 0.54 * 0.46, 0.54 * 0.54 + 0.46 * 0.46 / 2.0, 0.54 * 0.46,
+                              0.46 * 0.46 / 4.0};
+
+struct Kernel {
+  uint32_t h;
+  double M, invh;
+  double rc[5], rs[5];  // rotation of M p by the shift m pi/h
+  double hc[5], hs[5];  // rotation of p/2 by the shift
+  double shift[5];      // m pi/h
+};
+
+Kernel makekernel(uint32_t h) {
+  Kernel kn{};
+  kn.h = h;
+  kn.M = static_cast<double>(h) + 0.5;
+  kn.invh = 1.0 / static_cast<double>(h);
+  for (int i = 0; i < 5; ++i) {
+    const double m = static_cast<double>(i - 2);
+    kn.shift[i] = m * kPi / static_cast<double>(h);
+    const double big = m * (kPi + 0.5 * kPi / static_cast<double>(h));
+    const double half = 0.5 * kn.shift[i];
+    kn.rc[i] = std::cos(big);
+    kn.rs[i] = std::sin(big);
+    kn.hc[i] = std::cos(half);
+    kn.hs[i] = std::sin(half);
+  }
+  return kn;
+}
+
+// sin and cos of M w, correcting for the rounding of the product (near
+// Nyquist with long windows the rounded argument alone would put errors of
+// 1e-13 into the kernel, which its 1/sin(p/2) then amplifies). M has at most
+// 26 significant bits, so M times either half of w is exact.
+void sincosproduct(double M, double w, double *s, double *c) {
+  const double p = M * w;
+  const double split = 134217729.0 * w;  // 2^27 + 1
+  const double wh = split - (split - w), wl = w - wh;
+  const double e = (M * wh - p) + M * wl;
+  const double sp = std::sin(p), cp = std::cos(p);
+  *s = sp + cp * e;
+  *c = cp - sp * e;
+}
+
+// a + b and its rounding error.
+double twosum(double a, double b, double *err) {
+  const double s = a + b, bb = s - a;
+  *err = (a - (s - bb)) + (b - bb);
+  return s;
+}
+
+// D, D', D'' at p + dp by summation, where sin(p/2) is too small for the
+// closed form (p near a multiple of 2 pi). There a rounding of p is
+// magnified by up to h^3, so the tiny dp (the rounding of the sum or
+// difference of two frequencies) enters to first order.
+void dirichletdirect(double p, double dp, uint32_t h, double *d) {
+  if (p == 0.0 && dp == 0.0) {
+    const double hd = static_cast<double>(h);
+    d[0] = 2.0 * hd + 1.0;
+    d[1] = 0.0;
+    d[2] = -hd * (hd + 1.0) * (2.0 * hd + 1.0) / 3.0;
+    return;
+  }
+  const double c1 = std::cos(p), s1 = std::sin(p);
+  double c = 1.0, s = 0.0, e0 = 0.0, e1 = 0.0, e2 = 0.0, e3 = 0.0;
+  for (uint32_t n = 1; n <= h; ++n) {
+    const double nc = c * c1 - s * s1;
+    s = s * c1 + c * s1;
+    c = nc;
+    const double x = static_cast<double>(n), x2 = x * x;
+    e0 += c;
+    e1 += x * s;
+    e2 += x2 * c;
+    e3 += x2 * x * s;
+  }
+  // D = 1 + 2 sum cos, D' = -2 sum n sin, D'' = -2 sum n^2 cos, D''' = 2 sum n^3 sin
+  d[0] = 1.0 + 2.0 * e0 - dp * 2.0 * e1;
+  d[1] = -2.0 * e1 - dp * 2.0 * e2;
+  d[2] = -2.0 * e2 + dp * 2.0 * e3;
+}
+
+// A0, B1, A2 at v + dv (dv the rounding error of v) from S0 = sin(M v),
+// C0 = cos(M v), s0 = sin(v/2), c0 = cos(v/2).
+void windowsums(const Kernel &kn, double v, double dv, double S0, double C0, double s0, double c0, double *out) {
+  double a0 = 0.0, b1 = 0.0, a2 = 0.0;
+  const double M = kn.M;
+  for (int i = 0; i < 5; ++i) {
+    const double s = s0 * kn.hc[i] + c0 * kn.hs[i];
+    double d[3];
+    if (std::fabs(s) * static_cast<double>(kn.h) < 1.0) {
+      double dp = 0.0;
+      const double p = twosum(v, kn.shift[i], &dp);
+      dirichletdirect(p, dp + dv, kn.h, d);
+    } else {
+      const double S = S0 * kn.rc[i] + C0 * kn.rs[i];
+      const double C = C0 * kn.rc[i] - S0 * kn.rs[i];
+      const double c = c0 * kn.hc[i] - s0 * kn.hs[i];
+      const double is = 1.0 / s, q = c * is;
+      const double D = S * is, MC = M * C * is;
+      d[0] = D;
+      d[1] = MC - 0.5 * D * q;
+      d[2] = -M * M * D - MC * q + 0.25 * D + 0.5 * D * q * q;
+    }
+    a0 += kAlpha[i] * d[0];
+    b1 += kAlpha[i] * d[1];
+    a2 += kAlpha[i] * d[2];
+  }
+  out[0] = a0;
+  out[1] = -b1 * kn.invh;
+  out[2] = -a2 * kn.invh * kn.invh;
 }
 
 // Quasi-harmonic least squares at frequencies w[0..K-1] (radians/sample).
@@ -261,58 +425,99 @@ bool fitquasiharmonic(const Frame &fr, const double *w2, const double *w, uint32
   double *v = a->vector + (h + 1);
   double *be = v;       // even right-hand side / solution
   double *bo = be + B;  // odd
-  double *re = bo + B;  // even row
-  double *ro = re + B;  // odd row
+  double *re = bo + B;  // first row of the even matrix (the constant)
+  double *ro = re + B;  // first row of the odd matrix (t)
   double *ck = ro + B;  // cos(w_k n), sin(w_k n), and their steps
   double *sk = ck + K;
   double *c1 = sk + K;
   double *s1 = c1 + K;
   double *Ge = a->matrix;
   double *Go = Ge + static_cast<uint64_t>(B) * B;
-  for (uint64_t i = 0; i < static_cast<uint64_t>(B) * B; ++i) Ge[i] = Go[i] = 0.0;
-  for (uint32_t i = 0; i < B; ++i) be[i] = bo[i] = 0.0;
+  for (uint32_t i = 0; i < B; ++i) be[i] = bo[i] = re[i] = ro[i] = 0.0;
   for (uint32_t k = 0; k < K; ++k) {
     ck[k] = 1.0;
     sk[k] = 0.0;
     c1[k] = std::cos(w[k]);
     s1[k] = std::sin(w[k]);
   }
+  // Right-hand sides and the rows of the constant and t: O(N K).
   const double invh = 1.0 / static_cast<double>(h);
-  double wsum = 0.0;
   for (uint32_t n = 0; n <= h; ++n) {
     const double t = static_cast<double>(n) * invh;
     const double xp = fr.sample(n), xm = fr.sample(-static_cast<int64_t>(n));
     const double g = w2[n];
-    wsum += (n == 0) ? g : 2.0 * g;
-    re[0] = 1.0;
-    ro[0] = t;
-    for (uint32_t k = 0; k < K; ++k) {
-      re[1 + 2 * k] = ck[k];
-      re[2 + 2 * k] = t * sk[k];
-      ro[1 + 2 * k] = sk[k];
-      ro[2 + 2 * k] = t * ck[k];
-      const double nc = ck[k] * c1[k] - sk[k] * s1[k];
-      sk[k] = sk[k] * c1[k] + ck[k] * s1[k];
-      ck[k] = nc;
-    }
     const double ge = (n == 0) ? g : 2.0 * g;
     const double xe = g * ((n == 0) ? xp : xp + xm);
     const double xo = g * (xp - xm);
-    for (uint32_t i = 0; i < B; ++i) {
-      be[i] += xe * re[i];
-      const double ri = ge * re[i];
-      double *row = Ge + static_cast<uint64_t>(i) * B;
-      for (uint32_t j = 0; j <= i; ++j) row[j] += ri * re[j];
+    re[0] += ge;
+    be[0] += xe;
+    const bool odd = n > 0;  // odd functions vanish at the centre
+    if (odd) {
+      ro[0] += ge * t * t;
+      bo[0] += xo * t;
     }
-    if (n == 0) continue;  // odd functions vanish at the centre
-    for (uint32_t i = 0; i < B; ++i) {
-      bo[i] += xo * ro[i];
-      const double ri = ge * ro[i];
-      double *row = Go + static_cast<uint64_t>(i) * B;
-      for (uint32_t j = 0; j <= i; ++j) row[j] += ri * ro[j];
+    for (uint32_t k = 0; k < K; ++k) {
+      const double cv = ck[k], sv = sk[k];
+      const double ts = t * sv, tc = t * cv;
+      be[1 + 2 * k] += xe * cv;
+      be[2 + 2 * k] += xe * ts;
+      re[1 + 2 * k] += ge * cv;
+      re[2 + 2 * k] += ge * ts;
+      if (odd) {
+        bo[1 + 2 * k] += xo * sv;
+        bo[2 + 2 * k] += xo * tc;
+        ro[1 + 2 * k] += ge * sv * t;
+        ro[2 + 2 * k] += ge * tc * t;
+      }
+      const double nc = cv * c1[k] - sv * s1[k];
+      sk[k] = sv * c1[k] + cv * s1[k];
+      ck[k] = nc;
     }
   }
-  const double ridge = kRidge * wsum;
+  // The rest of both upper triangles from the window sums; the rotor
+  // arrays now hold sin(M w_k), cos(M w_k), sin(w_k/2), cos(w_k/2).
+  const Kernel kn = makekernel(h);
+  double *SM = ck, *CM = sk, *SH = c1, *CH = s1;
+  for (uint32_t k = 0; k < K; ++k) {
+    sincosproduct(kn.M, w[k], SM + k, CM + k);
+    SH[k] = std::sin(0.5 * w[k]);
+    CH[k] = std::cos(0.5 * w[k]);
+  }
+  for (uint32_t i = 0; i < B; ++i) {
+    Ge[i] = re[i];
+    Go[i] = ro[i];
+  }
+  double zero[3];  // the difference frequency of a component with itself
+  windowsums(kn, 0.0, 0.0, 0.0, 1.0, 0.0, 1.0, zero);
+  for (uint32_t k = 0; k < K; ++k) {
+    const uint64_t kc = 1 + 2 * static_cast<uint64_t>(k), kt = kc + 1;
+    for (uint32_t l = 0; l <= k; ++l) {
+      double dif[3], sum[3], dd = 0.0, ds = 0.0;
+      const double vd = twosum(w[k], -w[l], &dd), vs = twosum(w[k], w[l], &ds);
+      if (l == k) {
+        dif[0] = zero[0];
+        dif[1] = zero[1];
+        dif[2] = zero[2];
+      } else {
+        windowsums(kn, vd, dd, SM[k] * CM[l] - CM[k] * SM[l], CM[k] * CM[l] + SM[k] * SM[l],
+                   SH[k] * CH[l] - CH[k] * SH[l], CH[k] * CH[l] + SH[k] * SH[l], dif);
+      }
+      windowsums(kn, vs, ds, SM[k] * CM[l] + CM[k] * SM[l], CM[k] * CM[l] - SM[k] * SM[l],
+                 SH[k] * CH[l] + CH[k] * SH[l], CH[k] * CH[l] - SH[k] * SH[l], sum);
+      const uint64_t lc = 1 + 2 * static_cast<uint64_t>(l), lt = lc + 1;
+      Ge[lc * B + kc] = 0.5 * (dif[0] + sum[0]);  // cos_l cos_k
+      Ge[lc * B + kt] = 0.5 * (sum[1] + dif[1]);  // cos_l t sin_k
+      Ge[lt * B + kt] = 0.5 * (dif[2] - sum[2]);  // t sin_l t sin_k
+      Go[lc * B + kc] = 0.5 * (dif[0] - sum[0]);  // sin_l sin_k
+      Go[lc * B + kt] = 0.5 * (sum[1] - dif[1]);  // sin_l t cos_k
+      Go[lt * B + kt] = 0.5 * (dif[2] + sum[2]);  // t cos_l t cos_k
+      if (l < k) {
+        Ge[lt * B + kc] = 0.5 * (sum[1] - dif[1]);  // t sin_l cos_k
+        Go[lt * B + kc] = 0.5 * (sum[1] + dif[1]);  // t cos_l sin_k
+      }
+    }
+  }
+  const double ridge = kRidge * re[0];
   if (!choleskysolve(Ge, be, B, ridge)) return false;
   if (!choleskysolve(Go, bo, B, ridge)) return false;
   for (uint32_t k = 0; k < K; ++k) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "pitchanalysis.h"
+#include "windowing.h"
 
 namespace {
 
@@ -114,6 +115,49 @@ TEST(QuasiHarmonicModel, CorrectsEachHarmonicFromAWrongStart) {
   EXPECT_EQ(getsqharmonics(s.x.data(), 8000, kFs, 4000, 160.0, 40, amp.data(), nullptr, nullptr,
                            reinterpret_cast<QHAMEM *>(ham)), -1);
   hamemdestroy(ham);
+  qhamemdestroy(area);
+}
+
+// A series whose partials ramp linearly in amplitude (in phase, so no
+// frequency mismatch) lies exactly in the model: the fit must return it. The
+// normal matrices come from window sums at sum and difference frequencies;
+// the low f0 puts its top harmonic just below Nyquist with a long window,
+// where those sums need their near-2-pi treatment.
+TEST(QuasiHarmonicModel, FitsAmplitudeRampsExactly) {
+  QHAMEM *area = qhameminitialize(kFs, kFs, 60.0);
+  ASSERT_NE(area, nullptr);
+  // Last: the top harmonic at pi - pi/(2h), so that twice it plus the
+  // window's first shift pi/h lands on 2 pi, where the kernel's closed form
+  // would divide by (nearly) zero.
+  double edge = 200.0;
+  for (int it = 0; it < 4; ++it) {
+    const double h = getwinlengthnperiodsodd(4.0, edge, kFs) / 2;
+    edge = kFs / 2 * (1.0 - 1.0 / (2.0 * h)) / 40.0;
+  }
+  ASSERT_EQ(hanoharms(kFs, kFs, edge), 40u);
+  for (const double f0 : {61.0, 97.3, 160.0, 310.0, edge}) {
+    SCOPED_TRACE(testing::Message() << "f0 " << f0);
+    const uint32_t H = hanoharms(kFs, kFs, f0), n = 12000, centre = 6000;
+    std::mt19937_64 gen(7);
+    std::uniform_real_distribution<double> u(0.0, 2 * kPi), v(-1.0, 1.0);
+    std::vector<double> x(n, 0.0), amp(H), phase(H);
+    for (uint32_t k = 1; k <= H; ++k) {
+      amp[k - 1] = 0.1 / std::sqrt(k) * (1.0 + 0.5 * std::sin(0.3 * k));
+      phase[k - 1] = u(gen);
+      const double slope = 2.0 * v(gen) / kFs;  // up to +-2 per second
+      for (uint32_t i = 0; i < n; ++i) {
+        const double m = static_cast<double>(i) - centre;
+        x[i] += amp[k - 1] * (1.0 + slope * m) * std::cos(2 * kPi * k * f0 * m / kFs + phase[k - 1]);
+      }
+    }
+    std::vector<double> a(H), ph(H), fr(H);
+    ASSERT_EQ(getsqharmonics(x.data(), n, kFs, centre, f0, H, a.data(), ph.data(), fr.data(), area), 0);
+    for (uint32_t k = 0; k < H; ++k) {
+      EXPECT_NEAR(a[k] / amp[k], 1.0, 1e-6) << "harmonic " << k + 1;
+      EXPECT_NEAR(std::remainder(ph[k] - phase[k], 2 * kPi), 0.0, 1e-7) << "harmonic " << k + 1;
+      EXPECT_NEAR(fr[k], (k + 1) * f0, 1e-5) << "harmonic " << k + 1;
+    }
+  }
   qhamemdestroy(area);
 }
 
