@@ -9,6 +9,14 @@
 
 #include "wavm1616io.h"
 
+// A bundled recording with its pitch track, as the analysis benchmarks use it.
+struct Recording {
+  std::vector<double> x;
+  std::vector<double> f0;
+  uint32_t nframes = 0;
+  double seconds() const { return static_cast<double>(x.size()) / 16000.0; }
+};
+
 // Samples (full scale 1.0) of examples/speech/<name>; a missing file ends the
 // program, since every figure would be meaningless without it.
 inline std::vector<double> loadrecording(const char *name) {

@@ -22,12 +22,6 @@ using Clock = std::chrono::steady_clock;
 constexpr double kFs = 16000;
 constexpr uint32_t kShift = 80;
 
-struct Recording {
-  std::vector<double> x;
-  uint32_t nframes = 0;
-  std::vector<double> f0;
-  double seconds() const { return x.size() / kFs; }
-};
 
 const Recording &recording() {
   static const Recording r = [] {

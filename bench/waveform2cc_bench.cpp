@@ -21,12 +21,6 @@ using Clock = std::chrono::steady_clock;
 constexpr double kFs = 16000.0;
 constexpr uint32_t kShift = 80;
 
-struct Recording {
-  std::vector<double> x;
-  std::vector<double> f0;
-  uint32_t nframes = 0;
-  double seconds() const { return static_cast<double>(x.size()) / kFs; }
-};
 
 // The male recording: the lowest f0, hence the most harmonics per frame.
 const Recording &recording() {

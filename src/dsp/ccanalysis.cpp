@@ -137,6 +137,11 @@ int discretecepstrum(const double *x, uint32_t n, double fs, uint32_t centre, do
   return r;
 }
 
+// The per-frame routine of a method code; any code not listed is method 0.
+using FrameMethod = int (*)(const double *, uint32_t, double, uint32_t, double, uint32_t, double *, uint32_t,
+                            double *, double, CCMEM *);
+FrameMethod framemethod(uint8_t method);
+
 }  // namespace
 
 extern "C" {
@@ -294,23 +299,7 @@ int waveform2cc(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t
     double *c = cc + rowlen * k;
     // f0 below the analysable range is taken as unvoiced.
     const double fk = (f0[k] > 0.0 && f0[k] < kLowestF0) ? 0.0 : f0[k];
-    switch (method) {
-      case 1:
-        status = getharmrdc(x, n, fs, centre, fk, nfft, buf, p, c, alpha, area);
-        break;
-      case 2:
-        status = getqharmrdc(x, n, fs, centre, fk, nfft, buf, p, c, alpha, area);
-        break;
-      case 3:
-        status = getwwcmcep(x, n, fs, centre, fk, nfft, buf, p, c, alpha, area);
-        break;
-      case 4:
-        status = getseemcep(x, n, fs, centre, fk, nfft, buf, p, c, alpha, area);
-        break;
-      default:
-        status = getharmmcep(x, n, fs, centre, fk, nfft, buf, p, c, alpha, area);
-        break;
-    }
+    status = framemethod(method)(x, n, fs, centre, fk, nfft, buf, p, c, alpha, area);
   }
   std::free(buf);
   ccmemdestroy(area);
@@ -318,3 +307,12 @@ int waveform2cc(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t
 }
 
 }  // extern "C"
+
+namespace {
+
+FrameMethod framemethod(uint8_t method) {
+  static constexpr FrameMethod kMethods[] = {getharmmcep, getharmrdc, getqharmrdc, getwwcmcep, getseemcep};
+  return method < 5 ? kMethods[method] : getharmmcep;
+}
+
+}  // namespace
