@@ -14,8 +14,17 @@ run_suite() {  # build dir, extra cmake args...
   ctest --test-dir "$dir" -j"$jobs" --output-on-failure --timeout 600
 }
 
+# The tests that run the library or the programs on several threads at once,
+# built and run alone under ThreadSanitizer.
+threaded_targets=(test_dsp_reentrancy_test)
+threaded_tests='Reentrancy'
+
 echo "== optimised build =="
 run_suite build
 echo "== sanitizer build (address, undefined) =="
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build-san -DKESTREL_SANITIZE=address,undefined -DKESTREL_BUILD_BENCH=OFF
+echo "== thread-sanitizer build (threaded tests) =="
+cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Release -DKESTREL_BUILD_BENCH=OFF -DKESTREL_SANITIZE=thread >/dev/null
+cmake --build build-tsan -j"$jobs" --target "${threaded_targets[@]}"
+TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan -j"$jobs" --output-on-failure --timeout 600 -R "$threaded_tests"

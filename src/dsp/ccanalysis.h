@@ -16,7 +16,8 @@ KESTREL_BEGIN_C
 KESTREL_API uint32_t getwaveformlength(uint32_t shift, uint32_t nframes);
 /* Harmonic-plus-noise synthesis of one utterance into output (length samples).
  * f0 in Hz (<= 0 unvoiced), fv in Hz or NULL, cc: nframes rows of order+1.
- * Each c0 is restored by subtraction after use. Reseeds rand() with 0.
+ * Each c0 is restored by subtraction after use. The noise is the sequence of
+ * rand() after srand(0), drawn from a generator of its own (thread-safe).
  * Without fv, an utterance whose voiced frames all hold its lowest c0 uses
  * fv = 4500 Hz in every voiced frame. Nothing is written at or beyond
  * output[length]: with length < getwaveformlength(shift, nframes) the output is

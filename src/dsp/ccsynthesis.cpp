@@ -270,7 +270,8 @@ int cc2waveform(double *output, uint32_t length, double fs, uint32_t shift, uint
     const double dfbin = fs / static_cast<double>(nfft);
 
     ccmatrixcreate(order, nenv, kGridStep, nullptr, fs, alpha, envm, nullptr);
-    std::srand(0);
+    RANDGEN noise;
+    randgenseed(&noise, 0);
     double phi = 0.0;
     double f0prev = 0.0;
 
@@ -298,7 +299,7 @@ int cc2waveform(double *output, uint32_t length, double fs, uint32_t shift, uint
       }
 
       resamplelogampenv(kGridStep, grid, nenv, dfbin, re + 1, nbins);
-      gennoisefromlogspectrum(re, nfft, fs);
+      gennoisefromlogspectrumr(re, nfft, fs, &noise);
 
       if (f > 0) {
         uint32_t nh = hanoharms(fs, fvi, f);

@@ -7,6 +7,7 @@
 
 #include <stdint.h>
 #include "kestrel_export.h"
+#include "randgen.h"
 
 KESTREL_BEGIN_C
 
@@ -23,6 +24,11 @@ typedef struct NAMEM {
  * with that amplitude spectrum (one rand() per bin). 0; -1 (buf untouched)
  * when nfft is not a power of two up to 2^30. */
 KESTREL_API int gennoisefromlogspectrum(double *buf, uint32_t nfft, double fs);
+/* The same with the phases drawn from the caller's generator instead of the C
+ * library's rand(): safe on many threads (one state each), and identical to
+ * gennoisefromlogspectrum for a state seeded as rand() was. -1 also when
+ * state is NULL. */
+KESTREL_API int gennoisefromlogspectrumr(double *buf, uint32_t nfft, double fs, RANDGEN *state);
 
 /* Noise-analysis frame size: 25 ms made odd (401 at 16 kHz). */
 KESTREL_API uint32_t naframesize(double fs);
