@@ -33,9 +33,13 @@
 #include "fvanalysis.h"
 #include "paramread.h"
 #include "pitchanalysis.h"
+#include "runner.h"
+#include "uttlist.h"
 #include "wavm1616io.h"
 
 namespace {
+
+using kestrel_batch::Log;
 
 constexpr double kFs = 16000.0;
 // Longest recording analysed, in samples at 16 kHz (about 4 h 40 min). Every
@@ -70,14 +74,6 @@ void printerror(const char *fmt, ...) {
   va_list args;
   va_start(args, fmt);
   printmessage("Error: ", fmt, args);
-  va_end(args);
-}
-
-void printwarning(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-void printwarning(const char *fmt, ...) {
-  va_list args;
-  va_start(args, fmt);
-  printmessage("Warning: ", fmt, args);
   va_end(args);
 }
 
@@ -117,6 +113,14 @@ void printhelp(const char *progpath) {
   std::printf("   --refine=0      Pitch refinement by harmonic analysis [0...1]\n");
   std::printf("   --htsscale=1    Cepstra scaled for HTS modelling (c0+5, others x2) [0...1]\n");
   std::printf("   --indlist=      Index list for batch processing, e.g. 1-20,25 [none]\n");
+  std::printf("\n");
+  std::printf("  List mode: %s --list=wav.scp --outdir=DIR [params]\n", prog);
+  std::printf("   --list=         Lines 'uttid path' ('-' = standard input); writes DIR/uttid.lf0, .cc, .fv\n");
+  std::printf("   --jobs=1        Utterances analysed in parallel (0 = all cores)\n");
+  std::printf("   --shard=K/N     Only the lines at positions p with p mod N = K-1 [1/1]\n");
+  std::printf("   --skip-existing Leave utterances whose three outputs exist\n");
+  std::printf("   --failed=FILE   Write the ids that failed, one a line\n");
+  std::printf("   --progress      Progress line on standard error (default when it is a terminal)\n");
   std::printf("\n\n");
 }
 
@@ -133,13 +137,14 @@ struct Settings {
   int32_t refine = 0;
   int32_t htsscale = 1;
   const char *indlist = nullptr;
+  kestrel_batch::BatchOptions batch;
 };
 
 struct FileNames {
-  char *wav = nullptr;
-  char *f0 = nullptr;
-  char *cc = nullptr;
-  char *fv = nullptr;  // absent: no maximum-voiced-frequency analysis
+  const char *wav = nullptr;
+  const char *f0 = nullptr;
+  const char *cc = nullptr;
+  const char *fv = nullptr;  // absent: no maximum-voiced-frequency analysis
 };
 
 // Reads the options in a fixed order; absent or unparsable ones keep their
@@ -217,9 +222,9 @@ void countrails(const double *v, size_t n, Signal *sig) {
   sig->inputsamples += n;
 }
 
-bool appendsamples(const double *v, size_t n, Signal *sig, const char *path) {
+bool appendsamples(const double *v, size_t n, Signal *sig, const char *path, Log &log) {
   if (n > kMaxSamples - sig->converted.size()) {
-    printerror("%s is too long (more than %llu samples at 16 kHz).", path,
+    log.error("%s is too long (more than %llu samples at 16 kHz).", path,
                static_cast<unsigned long long>(kMaxSamples));
     return false;
   }
@@ -229,24 +234,25 @@ bool appendsamples(const double *v, size_t n, Signal *sig, const char *path) {
 
 // Feeds n mono samples (or the end of input when v is null) to the
 // resampler and appends everything it gives back.
-bool resample(soxr_t r, const double *v, size_t n, std::vector<double> *out, Signal *sig, const char *path) {
+bool resample(soxr_t r, const double *v, size_t n, std::vector<double> *out, Signal *sig, const char *path,
+              Log &log) {
   size_t used = 0;
   for (;;) {
     size_t idone = 0, odone = 0;
     const soxr_error_t err = soxr_process(r, v ? v + used : nullptr, v ? n - used : 0, &idone,
                                           out->data(), out->size(), &odone);
     if (err) {
-      printerror("could not resample %s (%s).", path, reason(soxr_strerror(err)).c_str());
+      log.error("could not resample %s (%s).", path, reason(soxr_strerror(err)).c_str());
       return false;
     }
-    if (!appendsamples(out->data(), odone, sig, path)) return false;
+    if (!appendsamples(out->data(), odone, sig, path, log)) return false;
     used += idone;
     if (!v) {
       if (odone == 0) return true;  // flushed
     } else if (used >= n && odone < out->size()) {
       return true;  // all taken, nothing more ready
     } else if (idone == 0 && odone == 0) {
-      printerror("could not resample %s (the resampler stalled).", path);
+      log.error("could not resample %s (the resampler stalled).", path);
       return false;
     }
   }
@@ -254,25 +260,25 @@ bool resample(soxr_t r, const double *v, size_t n, std::vector<double> *out, Sig
 
 // Everything libsndfile reads: mixed down to mono (channel average) and
 // resampled to 16 kHz unless it already is at 16 kHz.
-bool readwithsndfile(const char *path, Signal *sig) {
+bool readwithsndfile(const char *path, Signal *sig, Log &log) {
   SF_INFO info;
   std::memset(&info, 0, sizeof info);
   std::unique_ptr<SNDFILE, SndfileCloser> sf(sf_open(path, SFM_READ, &info));
   if (!sf) {
-    printerror("%s is not an audio file that can be read (%s).", path, reason(sf_strerror(nullptr)).c_str());
+    log.error("%s is not an audio file that can be read (%s).", path, reason(sf_strerror(nullptr)).c_str());
     return false;
   }
   if (info.frames <= 0) {
-    printerror("%s holds no samples.", path);
+    log.error("%s holds no samples.", path);
     return false;
   }
   if (info.channels <= 0 || info.samplerate <= 0) {
-    printerror("%s has an invalid format (%d channels, %d Hz).", path, info.channels, info.samplerate);
+    log.error("%s has an invalid format (%d channels, %d Hz).", path, info.channels, info.samplerate);
     return false;
   }
   const double ratio = kFs / static_cast<double>(info.samplerate);
   if (static_cast<double>(info.frames) * ratio > static_cast<double>(kMaxSamples)) {
-    printerror("%s is too long (%.0f samples at 16 kHz; the limit is %llu).", path,
+    log.error("%s is too long (%.0f samples at 16 kHz; the limit is %llu).", path,
                std::ceil(static_cast<double>(info.frames) * ratio),
                static_cast<unsigned long long>(kMaxSamples));
     return false;
@@ -287,7 +293,7 @@ bool readwithsndfile(const char *path, Signal *sig) {
     const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_VHQ, 0);
     resampler.reset(soxr_create(static_cast<double>(info.samplerate), kFs, 1, &err, &io, &quality, nullptr));
     if (!resampler || err) {
-      printerror("could not resample %s (%s).", path, reason(soxr_strerror(err)).c_str());
+      log.error("could not resample %s (%s).", path, reason(soxr_strerror(err)).c_str());
       return false;
     }
     resampled.resize(static_cast<size_t>(std::ceil(kBlockFrames * ratio)) + 1024);
@@ -307,21 +313,21 @@ bool readwithsndfile(const char *path, Signal *sig) {
       for (size_t c = 0; c < nch; ++c) sum += block[i * nch + c];
       mono[i] = sum / static_cast<double>(nch);
       if (!std::isfinite(mono[i])) {
-        printerror("%s holds samples that are not finite numbers.", path);
+        log.error("%s holds samples that are not finite numbers.", path);
         return false;
       }
     }
-    const bool ok = needresampling ? resample(resampler.get(), mono.data(), nf, &resampled, sig, path)
-                                   : appendsamples(mono.data(), nf, sig, path);
+    const bool ok = needresampling ? resample(resampler.get(), mono.data(), nf, &resampled, sig, path, log)
+                                   : appendsamples(mono.data(), nf, sig, path, log);
     if (!ok) return false;
   }
   if (sf_error(sf.get()) != SF_ERR_NO_ERROR) {
-    printerror("could not read %s (%s).", path, reason(sf_strerror(sf.get())).c_str());
+    log.error("could not read %s (%s).", path, reason(sf_strerror(sf.get())).c_str());
     return false;
   }
-  if (needresampling && !resample(resampler.get(), nullptr, 0, &resampled, sig, path)) return false;
+  if (needresampling && !resample(resampler.get(), nullptr, 0, &resampled, sig, path, log)) return false;
   if (sig->converted.empty()) {
-    printerror("%s holds no samples.", path);
+    log.error("%s holds no samples.", path);
     return false;
   }
   return true;
@@ -329,21 +335,21 @@ bool readwithsndfile(const char *path, Signal *sig) {
 
 // Reads a recording into sig. Prints the reason and returns false when it
 // cannot be analysed; warns about clipping.
-bool readrecording(const char *path, Signal *sig) {
+bool readrecording(const char *path, Signal *sig, Log &log) {
   struct stat st;
   const int fd = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
-    printerror("could not open %s.", path);
+    log.error("could not open %s.", path);
     return false;
   }
   const bool statted = ::fstat(fd, &st) == 0;
   ::close(fd);
   if (!statted || !S_ISREG(st.st_mode)) {
-    printerror("could not open %s (not a regular file).", path);
+    log.error("could not open %s (not a regular file).", path);
     return false;
   }
   if (st.st_size == 0) {
-    printerror("%s is empty.", path);
+    log.error("%s is empty.", path);
     return false;
   }
   // The exact reader allocates what the header announces (never more than the
@@ -356,25 +362,25 @@ bool readrecording(const char *path, Signal *sig) {
       sig->exact.reset(x);
       sig->nexact = n;
       if (n > kMaxSamples) {
-        printerror("%s is too long (%u samples; the limit is %llu).", path, static_cast<unsigned>(n),
+        log.error("%s is too long (%u samples; the limit is %llu).", path, static_cast<unsigned>(n),
                    static_cast<unsigned long long>(kMaxSamples));
         return false;
       }
       countrails(x, n, sig);
     }
   }
-  if (!sig->exact && !readwithsndfile(path, sig)) return false;
+  if (!sig->exact && !readwithsndfile(path, sig, log)) return false;
 
   const double *x = sig->data();
   const uint32_t n = sig->size();
   double peak = 0.0;
   for (uint32_t i = 0; i < n; ++i) peak = std::fmax(peak, std::fabs(x[i]));
   if (peak < kSilencePeak) {
-    printerror("%s is silent (no sample reaches one 16-bit step).", path);
+    log.error("%s is silent (no sample reaches one 16-bit step).", path);
     return false;
   }
   if (static_cast<double>(sig->clipped) > kClippedFraction * static_cast<double>(sig->inputsamples))
-    printwarning("%s is clipped (%.2f %% of its samples at full scale).", path,
+    log.warning("%s is clipped (%.2f %% of its samples at full scale).", path,
                  100.0 * static_cast<double>(sig->clipped) / static_cast<double>(sig->inputsamples));
   return true;
 }
@@ -410,13 +416,21 @@ bool allfinite(const std::vector<double> &v) {
 // directory and is renamed into place only once all of them are written, so
 // a failure never leaves a partial set (or a truncated file) behind.
 
-class PendingOutputs {
- public:
-  PendingOutputs() {
+// The permission bits a plain create gives. umask can only be read by
+// setting it, which must not race with other threads creating files: main
+// calls this before any thread starts, and the value is kept.
+mode_t createmode() {
+  static const mode_t mode = [] {
     const mode_t mask = ::umask(0);
     ::umask(mask);
-    mode_ = static_cast<mode_t>(0666 & ~mask);
-  }
+    return static_cast<mode_t>(0666 & ~mask);
+  }();
+  return mode;
+}
+
+class PendingOutputs {
+ public:
+  explicit PendingOutputs(Log &log) : mode_(createmode()), log_(log) {}
   PendingOutputs(const PendingOutputs &) = delete;
   PendingOutputs &operator=(const PendingOutputs &) = delete;
   ~PendingOutputs() {
@@ -430,20 +444,20 @@ class PendingOutputs {
     struct stat st;
     if (::stat(path, &st) == 0 && !S_ISREG(st.st_mode)) {
       if (fdoublewrite(path, values, n, 0) == n) return true;
-      printerror("could not create %s.", path);
+      log_.error("could not create %s.", path);
       return false;
     }
     std::string tmp = std::string(path) + ".tmpXXXXXX";
     const int fd = ::mkstemp(&tmp[0]);
     if (fd < 0) {
-      printerror("could not create %s.", path);
+      log_.error("could not create %s.", path);
       return false;
     }
     const bool modeset = ::fchmod(fd, mode_) == 0;
     ::close(fd);
     if (!modeset || fdoublewrite(tmp.c_str(), values, n, 0) != n) {
       ::unlink(tmp.c_str());
-      printerror("could not create %s.", path);
+      log_.error("could not create %s.", path);
       return false;
     }
     files_.emplace_back(std::move(tmp), path);
@@ -454,7 +468,7 @@ class PendingOutputs {
     while (!files_.empty()) {
       const auto &f = files_.front();
       if (std::rename(f.first.c_str(), f.second.c_str()) != 0) {
-        printerror("could not create %s.", f.second.c_str());
+        log_.error("could not create %s.", f.second.c_str());
         return false;  // the destructor removes this and the remaining temporaries
       }
       files_.erase(files_.begin());
@@ -464,7 +478,8 @@ class PendingOutputs {
 
  private:
   std::vector<std::pair<std::string, std::string>> files_;
-  mode_t mode_ = 0644;
+  mode_t mode_;
+  Log &log_;
 };
 
 // True when writing to out would replace the recording itself.
@@ -474,7 +489,7 @@ bool sameasinput(const char *in, const struct stat &inst, const char *out) {
   return ::stat(out, &st) == 0 && st.st_dev == inst.st_dev && st.st_ino == inst.st_ino;
 }
 
-bool checkoutputnames(const FileNames &names) {
+bool checkoutputnames(const FileNames &names, Log &log) {
   struct stat inst;
   const bool instat = ::stat(names.wav, &inst) == 0;
   const char *outs[3] = {names.f0, names.cc, names.fv};
@@ -483,17 +498,17 @@ bool checkoutputnames(const FileNames &names) {
     struct stat st;
     const bool exists = ::stat(outs[i], &st) == 0;
     if (exists && S_ISDIR(st.st_mode)) {
-      printerror("could not create %s (it is a directory).", outs[i]);
+      log.error("could not create %s (it is a directory).", outs[i]);
       return false;
     }
     if (instat ? sameasinput(names.wav, inst, outs[i]) : std::strcmp(names.wav, outs[i]) == 0) {
-      printerror("%s is both the input and an output.", outs[i]);
+      log.error("%s is both the input and an output.", outs[i]);
       return false;
     }
     // One device (such as /dev/null) may take several outputs; a file may not.
     for (int j = 0; j < i && !(exists && !S_ISREG(st.st_mode)); ++j)
       if (outs[j] && std::strcmp(outs[i], outs[j]) == 0) {
-        printerror("%s is given for two outputs.", outs[i]);
+        log.error("%s is given for two outputs.", outs[i]);
         return false;
       }
   }
@@ -503,26 +518,27 @@ bool checkoutputnames(const FileNames &names) {
 // ---------------------------------------------------------------------------
 // One utterance.
 
-void processutterance(const FileNames &names, const Settings &s) {
-  if (!checkoutputnames(names)) return;
+// Returns the seconds of audio analysed (0 on failure).
+double processutterance(const FileNames &names, const Settings &s, Log &log) {
+  if (!checkoutputnames(names, log)) return 0.0;
   Signal sig;
-  if (!readrecording(names.wav, &sig)) return;
+  if (!readrecording(names.wav, &sig, log)) return 0.0;
   const double *x = sig.data();
   const uint32_t n = sig.size();
   const uint32_t shift = static_cast<uint32_t>(s.lframe);
   const uint32_t order = static_cast<uint32_t>(s.order);
   if (n < shift + 1u) {
-    printerror("%s is too short (%u samples at 16 kHz; one frame needs %u).", names.wav,
+    log.error("%s is too short (%u samples at 16 kHz; one frame needs %u).", names.wav,
                static_cast<unsigned>(n), static_cast<unsigned>(shift + 1u));
-    return;
+    return 0.0;
   }
   const uint32_t nframes = countframes(n, shift);
   const uint64_t ncc = static_cast<uint64_t>(order + 1u) * nframes;
   if (ncc > kMaxCepstralValues) {
-    printerror("%s gives too many cepstral values (%llu; the limit is %llu): raise lframe or lower order.",
+    log.error("%s gives too many cepstral values (%llu; the limit is %llu): raise lframe or lower order.",
                names.wav, static_cast<unsigned long long>(ncc),
                static_cast<unsigned long long>(kMaxCepstralValues));
-    return;
+    return 0.0;
   }
 
   std::vector<double> f0(nframes), cc(static_cast<size_t>(ncc)), fv;
@@ -535,42 +551,66 @@ void processutterance(const FileNames &names, const Settings &s) {
   }
   if (waveform2cc(x, n, kFs, shift, shift, nframes, f0.data(), order, cc.data(), s.alpha,
                   static_cast<uint8_t>(s.method)) != 0) {
-    printerror("cepstral analysis of %s failed; nothing written.", names.wav);
-    return;
+    log.error("cepstral analysis of %s failed; nothing written.", names.wav);
+    return 0.0;
   }
   if (s.htsscale == 1) htsadapteradhoc(cc.data(), order, nframes);
   if (!allfinite(f0) || !allfinite(cc) || !allfinite(fv)) {
-    printerror("analysis of %s gave values that are not finite numbers; nothing written.", names.wav);
-    return;
+    log.error("analysis of %s gave values that are not finite numbers; nothing written.", names.wav);
+    return 0.0;
   }
   f02logf0(nframes, f0.data());
 
-  PendingOutputs out;
-  if (!out.add(names.f0, f0.data(), nframes)) return;
-  if (!out.add(names.cc, cc.data(), static_cast<uint32_t>(ncc))) return;
-  if (names.fv && !out.add(names.fv, fv.data(), nframes)) return;
-  out.commit();
+  PendingOutputs out(log);
+  if (!out.add(names.f0, f0.data(), nframes)) return 0.0;
+  if (!out.add(names.cc, cc.data(), static_cast<uint32_t>(ncc))) return 0.0;
+  if (names.fv && !out.add(names.fv, fv.data(), nframes)) return 0.0;
+  return out.commit() ? static_cast<double>(n) / kFs : 0.0;
 }
 
 // ---------------------------------------------------------------------------
 // Batch.
 
-void runbatch(FileNames names, const Settings &s) {
+void runindexed(char *const slots[4], const Settings &s) {
+  const FileNames names{slots[0], slots[1], slots[2], slots[3]};
+  Log log;
   if (!s.indlist) {
-    processutterance(names, s);
+    processutterance(names, s, log);
+    log.flush();
     return;
   }
-  char *const slots[] = {names.wav, names.f0, names.cc, names.fv};
   kestrel_driver::foreachindex(s.indlist, [&](uint32_t i) {
     const char *misfit = kestrel_driver::setindexednames(slots, 4, i);
-    std::printf("%s\n", names.cc);
-    if (misfit) {
-      printerror("index %u does not fit the file-name placeholder of %s.", static_cast<unsigned>(i), misfit);
+    log.line("%s", names.cc);
+    if (misfit)
+      log.error("index %u does not fit the file-name placeholder of %s.", static_cast<unsigned>(i), misfit);
+    else
+      processutterance(names, s, log);
+    log.flush();
+  });
+}
+
+// List mode: each "uttid path" line to OUTDIR/uttid.lf0, .cc and .fv.
+int runlist(const Settings &s) {
+  const kestrel_batch::BatchOptions &b = s.batch;
+  std::vector<kestrel_batch::Utterance> all;
+  std::string error;
+  if (!kestrel_batch::readuttlist(b.list, true, &all, &error) || !kestrel_batch::makedirectory(b.outdir, &error)) {
+    std::printf("%s\n", error.c_str());
+    return -1;
+  }
+  const std::string outdir = std::string(b.outdir) + "/";
+  auto job = [&](const kestrel_batch::Utterance &u, kestrel_batch::Outcome *o) {
+    const std::string f0 = outdir + u.id + ".lf0", cc = outdir + u.id + ".cc", fv = outdir + u.id + ".fv";
+    if (b.skipexisting && kestrel_batch::fileexists(f0) && kestrel_batch::fileexists(cc) &&
+        kestrel_batch::fileexists(fv)) {
+      o->skipped = true;
       return;
     }
-    std::fflush(stdout);
-    processutterance(names, s);
-  });
+    o->log.line("%s", cc.c_str());
+    o->audioseconds = processutterance(FileNames{u.path.c_str(), f0.c_str(), cc.c_str(), fv.c_str()}, s, o->log);
+  };
+  return kestrel_batch::runutterances(kestrel_batch::takeshard(all, b.shardk, b.shardn), b, job);
 }
 
 }  // namespace
@@ -579,10 +619,6 @@ int main(int argc, char **argv) {
   if (argc == 1) {
     printhelp(argv[0]);
     return 0;
-  }
-  if (argc < 4) {
-    printusageerror(argv[0]);
-    return -1;
   }
   int firstopt = argc;
   for (int i = 0; i < argc; ++i)
@@ -593,27 +629,50 @@ int main(int argc, char **argv) {
   const uint32_t nopts = static_cast<uint32_t>(argc - firstopt);
   char **opts = argv + firstopt;
 
-  const Settings settings = readsettings(nopts, opts);
+  kestrel_batch::BatchOptions batch;
+  std::string error;
+  const bool batchok = kestrel_batch::readbatchoptions(nopts, opts, &batch, &error);
+  const bool listmode = batch.list != nullptr;
+  if (argc < 4 && !listmode) {
+    printusageerror(argv[0]);
+    return -1;
+  }
+  Settings settings = readsettings(nopts, opts);
+  settings.batch = batch;
   if (settings.indlist && strnumdiagnose(settings.indlist) != 0) {
     printerror("bad formatted indlist.");
     return -1;
   }
-  if (unreadparams(nopts, opts)) {
+  if (unreadparams(nopts, opts) || (listmode && (firstopt != 1 || settings.indlist))) {
     printusageerror(argv[0]);
     return -1;
   }
-  FileNames names;
+  if (!batchok) {
+    std::printf("%s\n", error.c_str());
+    return -1;
+  }
+  if (listmode && (!batch.outdir || batch.featdir)) {
+    printerror("--list needs --outdir (and takes no --featdir).");
+    return -1;
+  }
+  if (!listmode && batch.anyset) {
+    printerror("--outdir, --jobs, --shard, --skip-existing, --failed and --progress need --list.");
+    return -1;
+  }
+  char *slots[4] = {nullptr, nullptr, nullptr, nullptr};  // wav, f0, cc, fv
   if (firstopt == 4 || firstopt == 5) {
-    names.wav = argv[1];
-    names.f0 = argv[2];
-    names.cc = argv[3];
-    if (firstopt == 5) names.fv = argv[4];
-  } else {
+    slots[0] = argv[1];
+    slots[1] = argv[2];
+    slots[2] = argv[3];
+    if (firstopt == 5) slots[3] = argv[4];
+  } else if (!listmode) {
     printusageerror(argv[0]);
     return -1;
   }
   if (!checksettings(settings)) return -1;
 
-  runbatch(names, settings);
+  createmode();
+  if (listmode) return runlist(settings);
+  runindexed(slots, settings);
   return 0;
 }

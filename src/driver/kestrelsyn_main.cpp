@@ -1,36 +1,44 @@
 // kestrelsyn: decodes log-f0, warped-cepstrum and maximum-voiced-frequency
-// feature files into a 16 kHz 16-bit mono WAV file, once or over an index list.
+// feature files into a 16 kHz 16-bit mono WAV file, once, over an index list,
+// or over an utterance list on several threads.
 //
 // main() reads like the pipeline: read the options, check and settle them,
-// then run the batch, processing one utterance per index.
+// then run the batch, processing one utterance at a time.
+#include <sys/stat.h>
+
 #include <cinttypes>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "ccanalysis.h"
+#include "decoder.h"
 #include "drivercommon.h"
 #include "fdoubleio.h"
 #include "kestrelsyn.h"
 #include "paramread.h"
-#include "pitchanalysis.h"
+#include "runner.h"
+#include "uttlist.h"
 #include "wavm1616io.h"
 
 namespace {
 
+using kestrel_batch::Log;
+using kestrel_driver::DecoderSettings;
+using kestrel_driver::kMaxFrameShift;
+using kestrel_driver::kMaxOutputSamples;
+
 constexpr int kExitOk = 0;
 constexpr int kExitArgumentError = 255;  // the designed -1 as the shell sees it
-constexpr double kSamplingRate = 16000.0;
-// Frame shifts beyond this are certainly a mistake and would make the
-// synthesis work areas (two shifts per frame) unreasonably large.
-constexpr uint32_t kMaxFrameShift = 1048576;
-// 2^28 samples (about 4.7 hours, 2 GiB of doubles) per utterance at most.
-constexpr uint64_t kMaxOutputSamples = 268435456;
 
 // ---------------------------------------------------------------------------
-// Every message of the program, in one place. All go to standard output.
+// Every message of the program, in one place. Run-level ones go straight to
+// standard output; an utterance's go to its log, printed when it is done.
 namespace msg {
 
 void badindlist() { std::printf("Error: bad formatted indlist.\n"); }
@@ -38,53 +46,52 @@ void alphaincompatible() { std::printf("Warning: floud, fpfilt and fdrc not appl
 void shiftoutofrange(uint32_t shift) {
   std::printf("Error: frame shift of %" PRIu32 " samples out of range (1 to %" PRIu32 ").\n", shift, kMaxFrameShift);
 }
-void outputname(const char *fileout) { std::printf("%s\n", fileout); }
-void indexdoesnotfit(uint32_t index, const char *name) {
-  std::printf("Error: index %" PRIu32 " does not fit the file-name placeholder of %s.\n", index, name);
+void listneedsdirs() { std::printf("Error: --list needs --featdir and --outdir.\n"); }
+void needslist() {
+  std::printf("Error: --outdir, --featdir, --jobs, --shard, --skip-existing, --failed and --progress need --list.\n");
 }
-void couldnotopen(const char *file) { std::printf("Error: could not open %s.\n", file); }
-void incompatible(const char *filef0, const char *filecc) {
-  std::printf("Error: %s and %s have incompatible dimensions.\n", filef0, filecc);
+void runerror(const std::string &text) { std::printf("%s\n", text.c_str()); }
+
+void outputname(Log &log, const char *fileout) { log.line("%s", fileout); }
+void indexdoesnotfit(Log &log, uint32_t index, const char *name) {
+  log.error("index %" PRIu32 " does not fit the file-name placeholder of %s.", index, name);
 }
-void toolong(const char *filef0, uint64_t nsamples) {
-  std::printf("Error: %s would need %llu output samples (limit %llu).\n", filef0,
-              static_cast<unsigned long long>(nsamples), static_cast<unsigned long long>(kMaxOutputSamples));
+void couldnotopen(Log &log, const char *file) { log.error("could not open %s.", file); }
+void incompatible(Log &log, const char *filef0, const char *filecc) {
+  log.error("%s and %s have incompatible dimensions.", filef0, filecc);
 }
-void fvcouldnotopen(const char *filefv) { std::printf("Warning: could not open %s.\n", filefv); }
-void fvincompatible(const char *filef0, const char *filefv) {
-  std::printf("Warning: %s and %s have incompatible dimensions.\n", filef0, filefv);
+void toolong(Log &log, const char *filef0, uint64_t nsamples) {
+  log.error("%s would need %llu output samples (limit %llu).", filef0, static_cast<unsigned long long>(nsamples),
+            static_cast<unsigned long long>(kMaxOutputSamples));
 }
-void outofmemory(const char *filef0) { std::printf("Error: out of memory for %s.\n", filef0); }
-void nonfinite(const char *fileout) {
-  std::printf("Warning: %s contains non-finite samples, written as -32768.\n", fileout);
+void fvcouldnotopen(Log &log, const char *filefv) { log.warning("could not open %s.", filefv); }
+void fvincompatible(Log &log, const char *filef0, const char *filefv) {
+  log.warning("%s and %s have incompatible dimensions.", filef0, filefv);
 }
-void couldnotcreate(const char *fileout) { std::printf("Error: could not create %s.\n", fileout); }
+void outofmemory(Log &log, const char *filef0) { log.error("out of memory for %s.", filef0); }
+void synthesisrefused(Log &log, const char *filef0) {
+  log.error("synthesis of %s needs more working memory than allowed (1 GiB); nothing written.", filef0);
+}
+void nonfinite(Log &log, const char *fileout) {
+  log.warning("%s contains non-finite samples, written as -32768.", fileout);
+}
+void couldnotcreate(Log &log, const char *fileout) { log.error("could not create %s.", fileout); }
 
 }  // namespace msg
 
 // ---------------------------------------------------------------------------
 struct Settings {
-  int32_t lframe = 80;
-  double alpha = 0.42;
-  double fpitch = 1.0;
-  double fvpitch = 1.0;
-  double fdur = 1.0;
-  double fwarp = 0.0;
-  double floud = 0.0;
-  double fpfilt = 0.0;
-  double fdrc = 0.0;
-  int32_t wavnorm = 0;
-  int32_t htsscale = 1;
+  DecoderSettings decoder;
   const char *indlist = nullptr;
-  uint32_t shift = 80;  // frame shift after the duration factor
+  kestrel_batch::BatchOptions batch;
 };
 
-// File-name slots: the argument strings themselves, rewritten in place per index.
+// The files of one utterance.
 struct Files {
-  char *f0 = nullptr;
-  char *cc = nullptr;
-  char *fv = nullptr;  // may be absent
-  char *out = nullptr;
+  const char *f0 = nullptr;
+  const char *cc = nullptr;
+  const char *fv = nullptr;  // may be absent
+  const char *out = nullptr;
 };
 
 struct FreeDeleter {
@@ -94,90 +101,45 @@ using Track = std::unique_ptr<double[], FreeDeleter>;
 
 // Options in their fixed order; an absent or unparsable one keeps its default.
 void readoptions(uint32_t n, char **list, Settings *s) {
-  searchintparam(n, list, "lframe", &s->lframe);
-  searchdoubleparam(n, list, "alpha", &s->alpha);
-  searchdoubleparam(n, list, "fpitch", &s->fpitch);
-  searchdoubleparam(n, list, "fvpitch", &s->fvpitch);
-  searchdoubleparam(n, list, "fdur", &s->fdur);
-  searchdoubleparam(n, list, "fwarp", &s->fwarp);
-  searchdoubleparam(n, list, "floud", &s->floud);
-  searchdoubleparam(n, list, "fpfilt", &s->fpfilt);
-  searchdoubleparam(n, list, "fdrc", &s->fdrc);
-  searchintparam(n, list, "wavnorm", &s->wavnorm);
-  searchintparam(n, list, "htsscale", &s->htsscale);
+  DecoderSettings &d = s->decoder;
+  searchintparam(n, list, "lframe", &d.lframe);
+  searchdoubleparam(n, list, "alpha", &d.alpha);
+  searchdoubleparam(n, list, "fpitch", &d.fpitch);
+  searchdoubleparam(n, list, "fvpitch", &d.fvpitch);
+  searchdoubleparam(n, list, "fdur", &d.fdur);
+  searchdoubleparam(n, list, "fwarp", &d.fwarp);
+  searchdoubleparam(n, list, "floud", &d.floud);
+  searchdoubleparam(n, list, "fpfilt", &d.fpfilt);
+  searchdoubleparam(n, list, "fdrc", &d.fdrc);
+  searchintparam(n, list, "wavnorm", &d.wavnorm);
+  searchintparam(n, list, "htsscale", &d.htsscale);
   s->indlist = searchstringparam(n, list, "indlist");
 }
 
-// The enhancement filters are designed for alpha 0.42 at 16 kHz only. Tested
-// on the values as given (a NaN differs from everything).
-void checkalphacompatibility(Settings *s) {
-  if (s->alpha != 0.42 && (s->floud != 0.0 || s->fpfilt != 0.0 || s->fdrc != 0.0)) {
-    s->floud = 0.0;
-    s->fpfilt = 0.0;
-    s->fdrc = 0.0;
-    msg::alphaincompatible();
-  }
-}
-
-// Out-of-range values are clamped, never reset; NaN goes to the upper bound.
-double clampfactor(double v, double defaultvalue, double lo, double hi) {
-  if (v == defaultvalue) return v;
-  if (v <= lo) return lo;
-  if (v >= hi) return hi;
-  if (std::isnan(v)) return hi;
-  return v;
-}
-
-void clampfactors(Settings *s) {
-  s->fdur = clampfactor(s->fdur, 1.0, 0.25, 4.0);
-  s->fpitch = clampfactor(s->fpitch, 1.0, 0.25, 4.0);
-  s->fvpitch = clampfactor(s->fvpitch, 1.0, 0.0, 4.0);
-  s->fwarp = clampfactor(s->fwarp, 0.0, -0.99, 0.99);
-  s->floud = clampfactor(s->floud, 0.0, -4.0, 4.0);
-  s->fpfilt = clampfactor(s->fpfilt, 0.0, 0.0, 1.0);
-  s->fdrc = clampfactor(s->fdrc, 0.0, 0.0, 1.0);
-}
-
-// fdur x lframe in extended precision, truncated toward zero without an
-// intermediate rounding to double (80 x 0.7 gives 55, not 56), low 32 bits.
-uint32_t scaledframeshift(int32_t lframe, double fdur) {
-  const uint32_t base = static_cast<uint32_t>(lframe);
-  if (fdur == 1.0) return base;
-  const long double product = static_cast<long double>(fdur) * static_cast<long double>(base);
-  // fdur lies in [0.25, 4] after clamping, so the product is in [0, 2^34).
-  return static_cast<uint32_t>(static_cast<uint64_t>(product));
-}
-
-// Composition of the cepstra's own all-pass warping with the fwarp one.
-void composewarping(Settings *s) {
-  if (s->fwarp != 0.0) s->alpha = (s->alpha - s->fwarp) / (1.0 - s->fwarp * s->alpha);
-}
-
-// Writes index i into every name and prints the output name. False when a
+// Writes index i into every name and logs the output name. False when a
 // placeholder is too narrow for i.
-bool setbatchnames(const Files &files, uint32_t i) {
-  char *const names[] = {files.f0, files.cc, files.fv, files.out};
+bool setbatchnames(char *const names[4], uint32_t i, Log &log) {
   const char *misfit = kestrel_driver::setindexednames(names, 4, i);
-  msg::outputname(files.out);
+  msg::outputname(log, names[3]);
   if (misfit) {
-    msg::indexdoesnotfit(i, misfit);
+    msg::indexdoesnotfit(log, i, misfit);
     return false;
   }
   return true;
 }
 
 // The voiced-frequency track, or none (with a warning) when it is unusable.
-Track readfvtrack(const Files &files, uint32_t nframes) {
+Track readfvtrack(const Files &files, uint32_t nframes, Log &log) {
   if (!files.fv) return nullptr;
   double *fv = nullptr;
   const uint32_t nfv = fdoubleread(files.fv, &fv);
   Track track(nfv ? fv : nullptr);
   if (nfv == 0) {
-    msg::fvcouldnotopen(files.fv);
+    msg::fvcouldnotopen(log, files.fv);
     return nullptr;
   }
   if (nfv < nframes) {
-    msg::fvincompatible(files.f0, files.fv);
+    msg::fvincompatible(log, files.f0, files.fv);
     return nullptr;  // frees it
   }
   return track;  // a longer track is fine: the surplus is ignored
@@ -190,13 +152,13 @@ bool hasnonfinite(const double *x, uint32_t n) {
 }
 
 // Read, check, modify, synthesise and write one utterance. Every failure
-// ends this utterance only.
-void processutterance(const Settings &s, const Files &files) {
+// ends this utterance only. Returns the output length in samples (0 on failure).
+uint32_t processutterance(const DecoderSettings &s, const Files &files, Log &log) {
   double *raw = nullptr;
   const uint32_t nframes = fdoubleread(files.f0, &raw);
   if (nframes == 0) {
-    msg::couldnotopen(files.f0);
-    return;
+    msg::couldnotopen(log, files.f0);
+    return 0;
   }
   Track logf0(raw);
 
@@ -204,66 +166,85 @@ void processutterance(const Settings &s, const Files &files) {
   const uint32_t ncc = fdoubleread(files.cc, &raw);
   if (ncc == 0) {
     logf0.reset();
-    msg::couldnotopen(files.cc);
-    return;
+    msg::couldnotopen(log, files.cc);
+    return 0;
   }
   Track cc(raw);
 
   const uint32_t order = ncc / nframes - 1u;  // wraps when ncc < nframes; caught below
   if ((order + 1u) * nframes != ncc) {
-    logf0.reset();
-    cc.reset();
-    msg::incompatible(files.f0, files.cc);
-    return;
+    msg::incompatible(log, files.f0, files.cc);
+    return 0;
   }
 
-  const uint64_t needed = (static_cast<uint64_t>(nframes) + 1u) * s.shift + 1u;
+  const uint64_t needed = kestrel_driver::decodedlength(s, nframes);
   if (needed > kMaxOutputSamples) {
-    logf0.reset();
-    cc.reset();
-    msg::toolong(files.f0, needed);
-    return;
+    msg::toolong(log, files.f0, needed);
+    return 0;
   }
 
-  if (s.htsscale == 1) invhtsadapteradhoc(cc.get(), order, nframes);
-  Track fv = readfvtrack(files, nframes);
-
-  const uint32_t nsamples = getwaveformlength(s.shift, nframes);
+  Track fv = readfvtrack(files, nframes, log);
+  const uint32_t nsamples = static_cast<uint32_t>(needed);
   Track wave(static_cast<double *>(std::calloc(nsamples, sizeof(double))));
   if (!wave) {
-    msg::outofmemory(files.f0);
-    return;
+    msg::outofmemory(log, files.f0);
+    return 0;
   }
-
-  if (s.fpitch != 1.0) shiftlogpitch(nframes, logf0.get(), std::log(s.fpitch));
-  if (s.fvpitch != 1.0) scalelogpitchrange(nframes, logf0.get(), s.fvpitch);
-  // DRC, then postfilter, then loudness.
-  if (s.fdrc != 0.0) applycdrc16k042(cc.get(), order, nframes, s.fdrc);
-  if (s.fpfilt != 0.0) applycpostfilt16k042(cc.get(), order, nframes, s.fpfilt, nullptr);
-  if (s.floud != 0.0) applycloudfilt16k042(cc.get(), order, nframes, s.floud);
-  logf02f0(nframes, logf0.get());
-
-  cc2waveform(wave.get(), nsamples, kSamplingRate, s.shift, nframes, logf0.get(), fv.get(), order, cc.get(),
-              s.alpha);
+  if (kestrel_driver::decodeutterance(s, nframes, logf0.get(), cc.get(), order, fv.get(), wave.get(), nsamples) !=
+      0) {
+    msg::synthesisrefused(log, files.f0);
+    return 0;
+  }
   logf0.reset();
   cc.reset();
   fv.reset();
 
-  if (hasnonfinite(wave.get(), nsamples)) msg::nonfinite(files.out);
-  // Normalise flag: the low 8 bits of wavnorm as a signed byte (257 -> 1).
-  const auto normalise = static_cast<int8_t>(static_cast<uint8_t>(static_cast<uint32_t>(s.wavnorm) & 0xFFu));
-  if (wavwritem1616(files.out, wave.get(), nsamples, normalise, 0) == 0) msg::couldnotcreate(files.out);
+  if (hasnonfinite(wave.get(), nsamples)) msg::nonfinite(log, files.out);
+  if (wavwritem1616(files.out, wave.get(), nsamples, kestrel_driver::normaliseflag(s.wavnorm), 0) == 0) {
+    msg::couldnotcreate(log, files.out);
+    return 0;
+  }
+  return nsamples;
 }
 
 // One utterance without an index list, else every index of every interval.
-void runbatch(const Settings &s, const Files &files) {
+void runindexed(const Settings &s, char *const names[4]) {
+  Files files{names[0], names[1], names[2], names[3]};
+  Log log;
   if (!s.indlist) {
-    processutterance(s, files);
+    processutterance(s.decoder, files, log);
+    log.flush();
     return;
   }
   kestrel_driver::foreachindex(s.indlist, [&](uint32_t i) {
-    if (setbatchnames(files, i)) processutterance(s, files);
+    if (setbatchnames(names, i, log)) processutterance(s.decoder, files, log);
+    log.flush();
   });
+}
+
+// List mode: FEATDIR/id.lf0, .cc and (when present) .fv to OUTDIR/id.wav.
+int runlist(const Settings &s) {
+  const kestrel_batch::BatchOptions &b = s.batch;
+  std::vector<kestrel_batch::Utterance> all;
+  std::string error;
+  if (!kestrel_batch::readuttlist(b.list, false, &all, &error) ||
+      !kestrel_batch::makedirectory(b.outdir, &error)) {
+    msg::runerror(error);
+    return kExitArgumentError;
+  }
+  const std::string featdir = std::string(b.featdir) + "/", outdir = std::string(b.outdir) + "/";
+  auto job = [&](const kestrel_batch::Utterance &u, kestrel_batch::Outcome *o) {
+    const std::string f0 = featdir + u.id + ".lf0", cc = featdir + u.id + ".cc", fv = featdir + u.id + ".fv";
+    const std::string out = outdir + u.id + ".wav";
+    if (b.skipexisting && kestrel_batch::fileexists(out)) {
+      o->skipped = true;
+      return;
+    }
+    const Files files{f0.c_str(), cc.c_str(), kestrel_batch::fileexists(fv) ? fv.c_str() : nullptr, out.c_str()};
+    msg::outputname(o->log, files.out);
+    o->audioseconds = processutterance(s.decoder, files, o->log) / kestrel_driver::kDecoderFs;
+  };
+  return kestrel_batch::runutterances(kestrel_batch::takeshard(all, b.shardk, b.shardn), b, job);
 }
 
 }  // namespace
@@ -274,10 +255,6 @@ int main(int argc, char **argv) {
     plothelp(progpath);
     return kExitOk;
   }
-  if (argc <= 3) {
-    argcerror(progpath);
-    return kExitArgumentError;
-  }
 
   // Options start at the first element that looks like one (the program
   // path included); everything before it is positional.
@@ -287,39 +264,58 @@ int main(int argc, char **argv) {
   char **options = argv + npositional;
 
   Settings s;
+  std::string error;
+  const bool batchok = kestrel_batch::readbatchoptions(noptions, options, &s.batch, &error);
+  const bool listmode = s.batch.list != nullptr;
+  if (argc <= 3 && !listmode) {
+    argcerror(progpath);
+    return kExitArgumentError;
+  }
   readoptions(noptions, options, &s);
   if (s.indlist && strnumdiagnose(s.indlist) != 0) {
     msg::badindlist();
     return kExitArgumentError;
   }
-  if (unreadparams(noptions, options)) {
+  if (unreadparams(noptions, options) || (listmode && (npositional != 1 || s.indlist))) {
     argcerror(progpath);
     return kExitArgumentError;
   }
-  Files files;
+  if (!batchok) {
+    msg::runerror(error);
+    return kExitArgumentError;
+  }
+  if (listmode && (!s.batch.featdir || !s.batch.outdir)) {
+    msg::listneedsdirs();
+    return kExitArgumentError;
+  }
+  if (!listmode && s.batch.anyset) {
+    msg::needslist();
+    return kExitArgumentError;
+  }
+  char *names[4] = {nullptr, nullptr, nullptr, nullptr};  // f0, cc, fv, out
   if (npositional == 4) {
-    files.f0 = argv[1];
-    files.cc = argv[2];
-    files.out = argv[3];
+    names[0] = argv[1];
+    names[1] = argv[2];
+    names[3] = argv[3];
   } else if (npositional == 5) {
-    files.f0 = argv[1];
-    files.cc = argv[2];
-    files.fv = argv[3];
-    files.out = argv[4];
-  } else {
+    names[0] = argv[1];
+    names[1] = argv[2];
+    names[2] = argv[3];
+    names[3] = argv[4];
+  } else if (!listmode) {
     argcerror(progpath);
     return kExitArgumentError;
   }
 
-  checkalphacompatibility(&s);
-  clampfactors(&s);
-  s.shift = scaledframeshift(s.lframe, s.fdur);
-  if (s.shift == 0 || s.shift > kMaxFrameShift) {
-    msg::shiftoutofrange(s.shift);
+  bool alphadropped = false;
+  const bool shiftok = kestrel_driver::settledecoder(&s.decoder, &alphadropped);
+  if (alphadropped) msg::alphaincompatible();
+  if (!shiftok) {
+    msg::shiftoutofrange(s.decoder.shift);
     return kExitArgumentError;
   }
-  composewarping(&s);
 
-  runbatch(s, files);
+  if (listmode) return runlist(s);
+  runindexed(s, names);
   return kExitOk;
 }
