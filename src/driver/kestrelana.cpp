@@ -30,6 +30,7 @@
 #include "ccanalysis.h"
 #include "drivercommon.h"
 #include "fdoubleio.h"
+#include "fileguard.h"
 #include "fvanalysis.h"
 #include "paramread.h"
 #include "pitchanalysis.h"
@@ -406,65 +407,35 @@ bool allfinite(const std::vector<double> &v) {
 }
 
 // ---------------------------------------------------------------------------
-// Output: every file of an utterance goes to a temporary name in its own
-// directory and is renamed into place only once all of them are written, so
-// a failure never leaves a partial set (or a truncated file) behind.
+// Output: every file of an utterance goes to a temporary beside it (the
+// library writers' scheme) and is renamed into place only once all of them
+// are written, so a failure never leaves a partial set (or a truncated file)
+// behind. An existing device (such as /dev/null) is written directly.
 
 class PendingOutputs {
  public:
-  PendingOutputs() {
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    mode_ = static_cast<mode_t>(0666 & ~mask);
-  }
-  PendingOutputs(const PendingOutputs &) = delete;
-  PendingOutputs &operator=(const PendingOutputs &) = delete;
-  ~PendingOutputs() {
-    for (const auto &f : files_) ::unlink(f.first.c_str());
-  }
-
-  // Writes n values (the array is narrowed in place) to a temporary beside
-  // path. An existing device or pipe (such as /dev/null) is written directly:
-  // it cannot be replaced by a rename, nor left half-written.
+  // Writes n values (the array is narrowed in place) to a temporary beside path.
   bool add(const char *path, double *values, uint32_t n) {
-    struct stat st;
-    if (::stat(path, &st) == 0 && !S_ISREG(st.st_mode)) {
-      if (fdoublewrite(path, values, n, 0) == n) return true;
+    auto out = std::make_unique<kestrel_io::OutputFile>(path);
+    if (!out->isopen() || !out->write(kestrel_io::narrowinplace(values, n), sizeof(float), n) || !out->close()) {
       printerror("could not create %s.", path);
-      return false;
+      return false;  // out removes its temporary
     }
-    std::string tmp = std::string(path) + ".tmpXXXXXX";
-    const int fd = ::mkstemp(&tmp[0]);
-    if (fd < 0) {
-      printerror("could not create %s.", path);
-      return false;
-    }
-    const bool modeset = ::fchmod(fd, mode_) == 0;
-    ::close(fd);
-    if (!modeset || fdoublewrite(tmp.c_str(), values, n, 0) != n) {
-      ::unlink(tmp.c_str());
-      printerror("could not create %s.", path);
-      return false;
-    }
-    files_.emplace_back(std::move(tmp), path);
+    files_.emplace_back(path, std::move(out));
     return true;
   }
 
   bool commit() {
-    while (!files_.empty()) {
-      const auto &f = files_.front();
-      if (std::rename(f.first.c_str(), f.second.c_str()) != 0) {
-        printerror("could not create %s.", f.second.c_str());
-        return false;  // the destructor removes this and the remaining temporaries
+    for (auto &f : files_)
+      if (!f.second->commit()) {
+        printerror("could not create %s.", f.first);
+        return false;  // the remaining temporaries are removed with files_
       }
-      files_.erase(files_.begin());
-    }
     return true;
   }
 
  private:
-  std::vector<std::pair<std::string, std::string>> files_;
-  mode_t mode_ = 0644;
+  std::vector<std::pair<const char *, std::unique_ptr<kestrel_io::OutputFile>>> files_;
 };
 
 // True when writing to out would replace the recording itself.
