@@ -3,11 +3,16 @@
 //
 // main() reads like the pipeline: read the options, check and settle them,
 // then run the batch, processing one utterance per index.
+#include <sys/stat.h>
+
 #include <cinttypes>
+#include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <initializer_list>
 #include <memory>
 
 #include "ccanalysis.h"
@@ -35,8 +40,19 @@ namespace msg {
 
 void badindlist() { std::printf("Error: bad formatted indlist.\n"); }
 void alphaincompatible() { std::printf("Warning: floud, fpfilt and fdrc not applicable for this alpha.\n"); }
-void shiftoutofrange(uint32_t shift) {
-  std::printf("Error: frame shift of %" PRIu32 " samples out of range (1 to %" PRIu32 ").\n", shift, kMaxFrameShift);
+void shiftoutofrange(long long shift) {
+  std::printf("Error: frame shift of %lld samples out of range (1 to %" PRIu32 ").\n", shift, kMaxFrameShift);
+}
+void alphaoutofrange(double alpha) {
+  std::printf("Warning: alpha %g is outside (-1, 1): the output will not be meaningful.\n", alpha);
+}
+void sameasinput(const char *fileout) { std::printf("Error: %s is both an input and the output.\n", fileout); }
+void notfinite(const char *file) { std::printf("Error: %s holds values that are not finite numbers.\n", file); }
+void fvnotfinite(const char *filefv) {
+  std::printf("Warning: %s holds values that are not finite numbers.\n", filefv);
+}
+void synthesisfailed(const char *filef0) {
+  std::printf("Error: synthesis of %s failed (work area above 1 GiB or out of memory).\n", filef0);
 }
 void outputname(const char *fileout) { std::printf("%s\n", fileout); }
 void indexdoesnotfit(uint32_t index, const char *name) {
@@ -76,6 +92,7 @@ struct Settings {
   int32_t wavnorm = 0;
   int32_t htsscale = 1;
   const char *indlist = nullptr;
+  const char *lframetext = nullptr;  // as given, for messages
   uint32_t shift = 80;  // frame shift after the duration factor
 };
 
@@ -94,6 +111,7 @@ using Track = std::unique_ptr<double[], FreeDeleter>;
 
 // Options in their fixed order; an absent or unparsable one keeps its default.
 void readoptions(uint32_t n, char **list, Settings *s) {
+  for (uint32_t k = 0; k < n && !s->lframetext; ++k) s->lframetext = paramnamematch(list[k], "lframe");
   searchintparam(n, list, "lframe", &s->lframe);
   searchdoubleparam(n, list, "alpha", &s->alpha);
   searchdoubleparam(n, list, "fpitch", &s->fpitch);
@@ -148,6 +166,22 @@ uint32_t scaledframeshift(int32_t lframe, double fdur) {
   return static_cast<uint32_t>(static_cast<uint64_t>(product));
 }
 
+// The frame shift as the user gave it (not wrapped to 32 bits as %d reads
+// it), for the out-of-range message: trunc(fdur x lframe), saturated.
+long long givenframeshift(const Settings &s) {
+  const long long lframe = s.lframetext ? std::strtoll(s.lframetext, nullptr, 10) : s.lframe;
+  const long double shift = std::trunc(static_cast<long double>(s.fdur) * static_cast<long double>(lframe));
+  if (shift >= 9.2e18L) return LLONG_MAX;
+  if (shift <= -9.2e18L) return LLONG_MIN;
+  return static_cast<long long>(shift);
+}
+
+// A warping factor outside (-1, 1) is no all-pass: the cepstra cannot be
+// read with it (NaN is reported through the non-finite samples it gives).
+void checkalpharange(const Settings &s) {
+  if (std::fabs(s.alpha) >= 1.0) msg::alphaoutofrange(s.alpha);
+}
+
 // Composition of the cepstra's own all-pass warping with the fwarp one.
 void composewarping(Settings *s) {
   if (s->fwarp != 0.0) s->alpha = (s->alpha - s->fwarp) / (1.0 - s->fwarp * s->alpha);
@@ -166,6 +200,32 @@ bool setbatchnames(const Files &files, uint32_t i) {
   return true;
 }
 
+// Values that are NaN or infinite; -inf is counted only when not allowed
+// (a log f0 of -inf is an unvoiced frame like -1e10).
+uint32_t countnonfinite(const double *x, uint32_t n, bool minusinfallowed) {
+  uint32_t count = 0;
+  for (uint32_t i = 0; i < n; ++i)
+    if (!std::isfinite(x[i]) && !(minusinfallowed && x[i] == -HUGE_VAL)) ++count;
+  return count;
+}
+
+// True (with the message) when writing the output would replace one of the
+// inputs, also through links.
+bool outputisaninput(const Files &files) {
+  struct stat out;
+  const bool outstat = ::stat(files.out, &out) == 0;
+  for (const char *in : {files.f0, files.cc, files.fv}) {
+    if (!in) continue;
+    struct stat st;
+    if (std::strcmp(in, files.out) == 0 ||
+        (outstat && ::stat(in, &st) == 0 && st.st_dev == out.st_dev && st.st_ino == out.st_ino)) {
+      msg::sameasinput(files.out);
+      return true;
+    }
+  }
+  return false;
+}
+
 // The voiced-frequency track, or none (with a warning) when it is unusable.
 Track readfvtrack(const Files &files, uint32_t nframes) {
   if (!files.fv) return nullptr;
@@ -180,6 +240,10 @@ Track readfvtrack(const Files &files, uint32_t nframes) {
     msg::fvincompatible(files.f0, files.fv);
     return nullptr;  // frees it
   }
+  if (countnonfinite(track.get(), nframes, false) > 0) {
+    msg::fvnotfinite(files.fv);
+    return nullptr;
+  }
   return track;  // a longer track is fine: the surplus is ignored
 }
 
@@ -192,6 +256,7 @@ bool hasnonfinite(const double *x, uint32_t n) {
 // Read, check, modify, synthesise and write one utterance. Every failure
 // ends this utterance only.
 void processutterance(const Settings &s, const Files &files) {
+  if (outputisaninput(files)) return;
   double *raw = nullptr;
   const uint32_t nframes = fdoubleread(files.f0, &raw);
   if (nframes == 0) {
@@ -199,6 +264,10 @@ void processutterance(const Settings &s, const Files &files) {
     return;
   }
   Track logf0(raw);
+  if (countnonfinite(logf0.get(), nframes, true) > 0) {
+    msg::notfinite(files.f0);
+    return;
+  }
 
   raw = nullptr;
   const uint32_t ncc = fdoubleread(files.cc, &raw);
@@ -208,6 +277,10 @@ void processutterance(const Settings &s, const Files &files) {
     return;
   }
   Track cc(raw);
+  if (countnonfinite(cc.get(), ncc, false) > 0) {
+    msg::notfinite(files.cc);
+    return;
+  }
 
   const uint32_t order = ncc / nframes - 1u;  // wraps when ncc < nframes; caught below
   if ((order + 1u) * nframes != ncc) {
@@ -243,8 +316,11 @@ void processutterance(const Settings &s, const Files &files) {
   if (s.floud != 0.0) applycloudfilt16k042(cc.get(), order, nframes, s.floud);
   logf02f0(nframes, logf0.get());
 
-  cc2waveform(wave.get(), nsamples, kSamplingRate, s.shift, nframes, logf0.get(), fv.get(), order, cc.get(),
-              s.alpha);
+  if (cc2waveform(wave.get(), nsamples, kSamplingRate, s.shift, nframes, logf0.get(), fv.get(), order, cc.get(),
+                  s.alpha) != 0) {
+    msg::synthesisfailed(files.f0);
+    return;
+  }
   logf0.reset();
   cc.reset();
   fv.reset();
@@ -312,10 +388,11 @@ int main(int argc, char **argv) {
   }
 
   checkalphacompatibility(&s);
+  checkalpharange(s);
   clampfactors(&s);
   s.shift = scaledframeshift(s.lframe, s.fdur);
   if (s.shift == 0 || s.shift > kMaxFrameShift) {
-    msg::shiftoutofrange(s.shift);
+    msg::shiftoutofrange(givenframeshift(s));
     return kExitArgumentError;
   }
   composewarping(&s);
