@@ -193,13 +193,19 @@ TEST_F(KestrelsynCli, UtteranceMessages) {
     EXPECT_TRUE(row.same == "*" || bytes("@/o.wav") == bytes(row.same)) << row.cmd;
     fs::remove(at("@/o.wav"));
   }
-  // A write that fails midway (file-size limit) leaves no partial file.
-  check("@/u.lf0 @/u.cc @/o.wav", "Error: could not create @/o.wav.\n", 0, [] {
-    const rlimit lim{200, 200};
-    setrlimit(RLIMIT_FSIZE, &lim);
-    std::signal(SIGXFSZ, SIG_IGN);
-  });
-  EXPECT_FALSE(fs::exists(at("@/o.wav")));
+  // A write that fails midway (file-size limit) leaves no partial file, and an older one intact.
+  const auto nfiles = std::distance(fs::directory_iterator(dir), {});
+  for (const bool older : {false, true}) {
+    if (older) writebytes(at("@/o.wav"), {'o', 'l', 'd'});
+    check("@/u.lf0 @/u.cc @/o.wav", "Error: could not create @/o.wav.\n", 0, [] {
+      const rlimit lim{200, 200};
+      setrlimit(RLIMIT_FSIZE, &lim);
+      std::signal(SIGXFSZ, SIG_IGN);
+    });
+    EXPECT_EQ(bytes("@/o.wav"), (older ? Bytes{'o', 'l', 'd'} : Bytes{}));
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir), {}), nfiles + older);  // no temporary left
+  }
+  fs::remove(at("@/o.wav"));
   // A waveform buffer (2 GiB) that cannot be allocated: the address space is
   // capped, or under AddressSanitizer (which needs a vast one) its allocations.
   check("@/n254.lf0 @/n254.cc" + big, "Error: out of memory for @/n254.lf0.\n", 0, [] {
