@@ -3,7 +3,7 @@
 # Does nothing when everything is already there.
 set -euo pipefail
 
-packages=(g++ cmake make pkg-config libgtest-dev libbenchmark-dev libsndfile1-dev libsoxr-dev
+packages=(g++ clang cmake make pkg-config libgtest-dev libbenchmark-dev libsndfile1-dev libsoxr-dev
           parallel munge slurmctld slurmd slurm-client)
 
 missing=()

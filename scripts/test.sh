@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds Kestrel twice (optimised, and with AddressSanitizer + UndefinedBehaviorSanitizer)
-# and runs the whole test suite on both. Exits non-zero when any test fails.
+# and runs the whole test suite on both, then a short fuzz regression run (scripts/fuzz.sh).
+# Exits non-zero when any test fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
@@ -28,3 +29,5 @@ echo "== thread-sanitizer build (threaded tests) =="
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Release -DKESTREL_BUILD_BENCH=OFF -DKESTREL_SANITIZE=thread >/dev/null
 cmake --build build-tsan -j"$jobs" --target "${threaded_targets[@]}"
 TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan -j"$jobs" --output-on-failure --timeout 600 -R "$threaded_tests"
+echo "== fuzz regression run (libFuzzer, address + undefined) =="
+scripts/fuzz.sh

@@ -30,6 +30,7 @@
 #include "ccanalysis.h"
 #include "drivercommon.h"
 #include "fdoubleio.h"
+#include "fileguard.h"
 #include "fvanalysis.h"
 #include "paramread.h"
 #include "pitchanalysis.h"
@@ -127,15 +128,17 @@ void printhelp(const char *progpath) {
 // ---------------------------------------------------------------------------
 // Settings.
 
+// Integer options keep the whole value given, so that a number beyond 32
+// bits is range-checked as given rather than wrapped.
 struct Settings {
-  int32_t lframe = 80;
-  int32_t order = 39;
+  long long lframe = 80;
+  long long order = 39;
   double alpha = 0.42;
-  int32_t method = 0;
+  long long method = 0;
   double f0min = 60.0;
   double f0max = 500.0;
-  int32_t refine = 0;
-  int32_t htsscale = 1;
+  long long refine = 0;
+  long long htsscale = 1;
   const char *indlist = nullptr;
   kestrel_batch::BatchOptions batch;
 };
@@ -149,24 +152,36 @@ struct FileNames {
 
 // Reads the options in a fixed order; absent or unparsable ones keep their
 // defaults (an unparsable one also stays unread and ends the run later).
+// An integer option accepted as "%d" accepts it (and marks it read), but its
+// value is the whole number given (saturated to 64 bits).
+void searchwideint(uint32_t nopts, char **opts, const char *name, long long *value) {
+  for (uint32_t k = 0; k < nopts; ++k) {
+    const char *text = paramnamematch(opts[k], name);
+    int32_t narrow = 0;
+    if (text && getintparam(opts[k], name, &narrow) == 0) {
+      *value = std::strtoll(text, nullptr, 10);
+      return;
+    }
+  }
+}
+
 Settings readsettings(uint32_t nopts, char **opts) {
   Settings s;
-  searchintparam(nopts, opts, "lframe", &s.lframe);
-  searchintparam(nopts, opts, "order", &s.order);
+  searchwideint(nopts, opts, "lframe", &s.lframe);
+  searchwideint(nopts, opts, "order", &s.order);
   searchdoubleparam(nopts, opts, "alpha", &s.alpha);
-  searchintparam(nopts, opts, "method", &s.method);
+  searchwideint(nopts, opts, "method", &s.method);
   searchdoubleparam(nopts, opts, "f0min", &s.f0min);
   searchdoubleparam(nopts, opts, "f0max", &s.f0max);
-  searchintparam(nopts, opts, "refine", &s.refine);
-  searchintparam(nopts, opts, "htsscale", &s.htsscale);
+  searchwideint(nopts, opts, "refine", &s.refine);
+  searchwideint(nopts, opts, "htsscale", &s.htsscale);
   s.indlist = searchstringparam(nopts, opts, "indlist");
   return s;
 }
 
-bool checkint(const char *name, int32_t v, int32_t lo, int32_t hi) {
+bool checkint(const char *name, long long v, int lo, int hi) {
   if (v >= lo && v <= hi) return true;
-  printerror("--%s=%d is out of range [%d...%d].", name, static_cast<int>(v), static_cast<int>(lo),
-             static_cast<int>(hi));
+  printerror("--%s=%lld is out of range [%d...%d].", name, v, lo, hi);
   return false;
 }
 
@@ -333,6 +348,27 @@ bool readwithsndfile(const char *path, Signal *sig, Log &log) {
   return true;
 }
 
+// Bytes of samples that a RIFF/WAVE file's data chunk announces beyond the
+// end of the file: a cut-off file, which is analysed as far as it goes. 0
+// for anything else, and for the sizes 0 and 0xFFFFFFFF that streamed WAVs
+// use for "unknown".
+uint64_t missingwavbytes(const char *path, uint64_t filesize) {
+  std::unique_ptr<std::FILE, int (*)(std::FILE *)> f(std::fopen(path, "rb"), std::fclose);
+  unsigned char h[12];
+  if (!f || std::fread(h, 1, 12, f.get()) != 12 || std::memcmp(h, "RIFF", 4) != 0 || std::memcmp(h + 8, "WAVE", 4) != 0)
+    return 0;
+  uint64_t pos = 12;
+  for (int chunk = 0; chunk < 1000 && pos + 8 <= filesize; ++chunk) {
+    if (std::fseek(f.get(), static_cast<long>(pos), SEEK_SET) != 0 || std::fread(h, 1, 8, f.get()) != 8) return 0;
+    const uint64_t size = h[4] | (h[5] << 8) | (h[6] << 16) | (static_cast<uint64_t>(h[7]) << 24);
+    pos += 8;
+    if (std::memcmp(h, "data", 4) == 0)
+      return (size == 0 || size == 0xFFFFFFFFu || pos + size <= filesize) ? 0 : pos + size - filesize;
+    pos += size + (size & 1u);
+  }
+  return 0;
+}
+
 // Reads a recording into sig. Prints the reason and returns false when it
 // cannot be analysed; warns about clipping.
 bool readrecording(const char *path, Signal *sig, Log &log) {
@@ -370,6 +406,9 @@ bool readrecording(const char *path, Signal *sig, Log &log) {
     }
   }
   if (!sig->exact && !readwithsndfile(path, sig, log)) return false;
+  if (const uint64_t missing = missingwavbytes(path, static_cast<uint64_t>(st.st_size)))
+    log.warning("%s is cut short (its header announces %llu more bytes of samples than it holds).", path,
+                 static_cast<unsigned long long>(missing));
 
   const double *x = sig->data();
   const uint32_t n = sig->size();
@@ -412,73 +451,36 @@ bool allfinite(const std::vector<double> &v) {
 }
 
 // ---------------------------------------------------------------------------
-// Output: every file of an utterance goes to a temporary name in its own
-// directory and is renamed into place only once all of them are written, so
-// a failure never leaves a partial set (or a truncated file) behind.
-
-// The permission bits a plain create gives. umask can only be read by
-// setting it, which must not race with other threads creating files: main
-// calls this before any thread starts, and the value is kept.
-mode_t createmode() {
-  static const mode_t mode = [] {
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    return static_cast<mode_t>(0666 & ~mask);
-  }();
-  return mode;
-}
+// Output: every file of an utterance goes to a temporary beside it (the
+// library writers' scheme) and is renamed into place only once all of them
+// are written, so a failure never leaves a partial set (or a truncated file)
+// behind. An existing device (such as /dev/null) is written directly.
 
 class PendingOutputs {
  public:
-  explicit PendingOutputs(Log &log) : mode_(createmode()), log_(log) {}
-  PendingOutputs(const PendingOutputs &) = delete;
-  PendingOutputs &operator=(const PendingOutputs &) = delete;
-  ~PendingOutputs() {
-    for (const auto &f : files_) ::unlink(f.first.c_str());
-  }
-
-  // Writes n values (the array is narrowed in place) to a temporary beside
-  // path. An existing device or pipe (such as /dev/null) is written directly:
-  // it cannot be replaced by a rename, nor left half-written.
+  explicit PendingOutputs(Log &log) : log_(log) {}
+  // Writes n values (the array is narrowed in place) to a temporary beside path.
   bool add(const char *path, double *values, uint32_t n) {
-    struct stat st;
-    if (::stat(path, &st) == 0 && !S_ISREG(st.st_mode)) {
-      if (fdoublewrite(path, values, n, 0) == n) return true;
+    auto out = std::make_unique<kestrel_io::OutputFile>(path);
+    if (!out->isopen() || !out->write(kestrel_io::narrowinplace(values, n), sizeof(float), n) || !out->close()) {
       log_.error("could not create %s.", path);
-      return false;
+      return false;  // out removes its temporary
     }
-    std::string tmp = std::string(path) + ".tmpXXXXXX";
-    const int fd = ::mkstemp(&tmp[0]);
-    if (fd < 0) {
-      log_.error("could not create %s.", path);
-      return false;
-    }
-    const bool modeset = ::fchmod(fd, mode_) == 0;
-    ::close(fd);
-    if (!modeset || fdoublewrite(tmp.c_str(), values, n, 0) != n) {
-      ::unlink(tmp.c_str());
-      log_.error("could not create %s.", path);
-      return false;
-    }
-    files_.emplace_back(std::move(tmp), path);
+    files_.emplace_back(path, std::move(out));
     return true;
   }
 
   bool commit() {
-    while (!files_.empty()) {
-      const auto &f = files_.front();
-      if (std::rename(f.first.c_str(), f.second.c_str()) != 0) {
-        log_.error("could not create %s.", f.second.c_str());
-        return false;  // the destructor removes this and the remaining temporaries
+    for (auto &f : files_)
+      if (!f.second->commit()) {
+        log_.error("could not create %s.", f.first);
+        return false;  // the remaining temporaries are removed with files_
       }
-      files_.erase(files_.begin());
-    }
     return true;
   }
 
  private:
-  std::vector<std::pair<std::string, std::string>> files_;
-  mode_t mode_;
+  std::vector<std::pair<const char *, std::unique_ptr<kestrel_io::OutputFile>>> files_;
   Log &log_;
 };
 
@@ -671,7 +673,6 @@ int main(int argc, char **argv) {
   }
   if (!checksettings(settings)) return -1;
 
-  createmode();
   if (listmode) return runlist(settings);
   runindexed(slots, settings);
   return 0;

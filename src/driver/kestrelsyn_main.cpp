@@ -7,11 +7,13 @@
 #include <sys/stat.h>
 
 #include <cinttypes>
+#include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -43,8 +45,11 @@ namespace msg {
 
 void badindlist() { std::printf("Error: bad formatted indlist.\n"); }
 void alphaincompatible() { std::printf("Warning: floud, fpfilt and fdrc not applicable for this alpha.\n"); }
-void shiftoutofrange(uint32_t shift) {
-  std::printf("Error: frame shift of %" PRIu32 " samples out of range (1 to %" PRIu32 ").\n", shift, kMaxFrameShift);
+void shiftoutofrange(long long shift) {
+  std::printf("Error: frame shift of %lld samples out of range (1 to %" PRIu32 ").\n", shift, kMaxFrameShift);
+}
+void alphaoutofrange(double alpha) {
+  std::printf("Warning: alpha %g is outside (-1, 1): the output will not be meaningful.\n", alpha);
 }
 void listneedsdirs() { std::printf("Error: --list needs --featdir and --outdir.\n"); }
 void needslist() {
@@ -57,6 +62,11 @@ void indexdoesnotfit(Log &log, uint32_t index, const char *name) {
   log.error("index %" PRIu32 " does not fit the file-name placeholder of %s.", index, name);
 }
 void couldnotopen(Log &log, const char *file) { log.error("could not open %s.", file); }
+void sameasinput(Log &log, const char *fileout) { log.error("%s is both an input and the output.", fileout); }
+void notfinite(Log &log, const char *file) { log.error("%s holds values that are not finite numbers.", file); }
+void fvnotfinite(Log &log, const char *filefv) {
+  log.warning("%s holds values that are not finite numbers.", filefv);
+}
 void incompatible(Log &log, const char *filef0, const char *filecc) {
   log.error("%s and %s have incompatible dimensions.", filef0, filecc);
 }
@@ -69,8 +79,8 @@ void fvincompatible(Log &log, const char *filef0, const char *filefv) {
   log.warning("%s and %s have incompatible dimensions.", filef0, filefv);
 }
 void outofmemory(Log &log, const char *filef0) { log.error("out of memory for %s.", filef0); }
-void synthesisrefused(Log &log, const char *filef0) {
-  log.error("synthesis of %s needs more working memory than allowed (1 GiB); nothing written.", filef0);
+void synthesisfailed(Log &log, const char *filef0) {
+  log.error("synthesis of %s failed (work area above 1 GiB or out of memory).", filef0);
 }
 void nonfinite(Log &log, const char *fileout) {
   log.warning("%s contains non-finite samples, written as -32768.", fileout);
@@ -83,6 +93,7 @@ void couldnotcreate(Log &log, const char *fileout) { log.error("could not create
 struct Settings {
   DecoderSettings decoder;
   const char *indlist = nullptr;
+  const char *lframetext = nullptr;  // as given, for messages
   kestrel_batch::BatchOptions batch;
 };
 
@@ -102,6 +113,7 @@ using Track = std::unique_ptr<double[], FreeDeleter>;
 // Options in their fixed order; an absent or unparsable one keeps its default.
 void readoptions(uint32_t n, char **list, Settings *s) {
   DecoderSettings &d = s->decoder;
+  for (uint32_t k = 0; k < n && !s->lframetext; ++k) s->lframetext = paramnamematch(list[k], "lframe");
   searchintparam(n, list, "lframe", &d.lframe);
   searchdoubleparam(n, list, "alpha", &d.alpha);
   searchdoubleparam(n, list, "fpitch", &d.fpitch);
@@ -114,6 +126,42 @@ void readoptions(uint32_t n, char **list, Settings *s) {
   searchintparam(n, list, "wavnorm", &d.wavnorm);
   searchintparam(n, list, "htsscale", &d.htsscale);
   s->indlist = searchstringparam(n, list, "indlist");
+}
+
+// The frame shift as the user gave it (not wrapped to 32 bits as %d reads
+// it), for the out-of-range message: trunc(fdur x lframe), saturated.
+long long givenframeshift(const Settings &s) {
+  const long long lframe = s.lframetext ? std::strtoll(s.lframetext, nullptr, 10) : s.decoder.lframe;
+  const long double shift = std::trunc(static_cast<long double>(s.decoder.fdur) * static_cast<long double>(lframe));
+  if (shift >= 9.2e18L) return LLONG_MAX;
+  if (shift <= -9.2e18L) return LLONG_MIN;
+  return static_cast<long long>(shift);
+}
+
+// Values that are NaN or infinite; -inf is counted only when not allowed
+// (a log f0 of -inf is an unvoiced frame like -1e10).
+uint32_t countnonfinite(const double *x, uint32_t n, bool minusinfallowed) {
+  uint32_t count = 0;
+  for (uint32_t i = 0; i < n; ++i)
+    if (!std::isfinite(x[i]) && !(minusinfallowed && x[i] == -HUGE_VAL)) ++count;
+  return count;
+}
+
+// True (with the message) when writing the output would replace one of the
+// inputs, also through links.
+bool outputisaninput(const Files &files, Log &log) {
+  struct stat out;
+  const bool outstat = ::stat(files.out, &out) == 0;
+  for (const char *in : {files.f0, files.cc, files.fv}) {
+    if (!in) continue;
+    struct stat st;
+    if (std::strcmp(in, files.out) == 0 ||
+        (outstat && ::stat(in, &st) == 0 && st.st_dev == out.st_dev && st.st_ino == out.st_ino)) {
+      msg::sameasinput(log, files.out);
+      return true;
+    }
+  }
+  return false;
 }
 
 // Writes index i into every name and logs the output name. False when a
@@ -142,6 +190,10 @@ Track readfvtrack(const Files &files, uint32_t nframes, Log &log) {
     msg::fvincompatible(log, files.f0, files.fv);
     return nullptr;  // frees it
   }
+  if (countnonfinite(track.get(), nframes, false) > 0) {
+    msg::fvnotfinite(log, files.fv);
+    return nullptr;
+  }
   return track;  // a longer track is fine: the surplus is ignored
 }
 
@@ -154,6 +206,7 @@ bool hasnonfinite(const double *x, uint32_t n) {
 // Read, check, modify, synthesise and write one utterance. Every failure
 // ends this utterance only. Returns the output length in samples (0 on failure).
 uint32_t processutterance(const DecoderSettings &s, const Files &files, Log &log) {
+  if (outputisaninput(files, log)) return 0;
   double *raw = nullptr;
   const uint32_t nframes = fdoubleread(files.f0, &raw);
   if (nframes == 0) {
@@ -161,6 +214,10 @@ uint32_t processutterance(const DecoderSettings &s, const Files &files, Log &log
     return 0;
   }
   Track logf0(raw);
+  if (countnonfinite(logf0.get(), nframes, true) > 0) {
+    msg::notfinite(log, files.f0);
+    return 0;
+  }
 
   raw = nullptr;
   const uint32_t ncc = fdoubleread(files.cc, &raw);
@@ -170,6 +227,10 @@ uint32_t processutterance(const DecoderSettings &s, const Files &files, Log &log
     return 0;
   }
   Track cc(raw);
+  if (countnonfinite(cc.get(), ncc, false) > 0) {
+    msg::notfinite(log, files.cc);
+    return 0;
+  }
 
   const uint32_t order = ncc / nframes - 1u;  // wraps when ncc < nframes; caught below
   if ((order + 1u) * nframes != ncc) {
@@ -192,7 +253,7 @@ uint32_t processutterance(const DecoderSettings &s, const Files &files, Log &log
   }
   if (kestrel_driver::decodeutterance(s, nframes, logf0.get(), cc.get(), order, fv.get(), wave.get(), nsamples) !=
       0) {
-    msg::synthesisrefused(log, files.f0);
+    msg::synthesisfailed(log, files.f0);
     return 0;
   }
   logf0.reset();
@@ -307,11 +368,15 @@ int main(int argc, char **argv) {
     return kExitArgumentError;
   }
 
+  const double alphagiven = s.decoder.alpha;
   bool alphadropped = false;
   const bool shiftok = kestrel_driver::settledecoder(&s.decoder, &alphadropped);
   if (alphadropped) msg::alphaincompatible();
+  // A warping factor outside (-1, 1) is no all-pass: the cepstra cannot be
+  // read with it (NaN is reported through the non-finite samples it gives).
+  if (std::fabs(alphagiven) >= 1.0) msg::alphaoutofrange(alphagiven);
   if (!shiftok) {
-    msg::shiftoutofrange(s.decoder.shift);
+    msg::shiftoutofrange(givenframeshift(s));
     return kExitArgumentError;
   }
 

@@ -21,9 +21,6 @@
 
 namespace {
 
-// f0 below this is not resolved by the harmonic analysis (see
-// harmonicanalysis.h); such frames are analysed as unvoiced.
-constexpr double kLowestF0 = 20.0;
 constexpr double kDefaultFmin = 60.0;
 constexpr uint32_t kMaxFft = 1u << 22;
 // Largest design matrix plus solver work area (doubles) a discrete-cepstrum
@@ -173,10 +170,9 @@ int ccwarp(const double *c, uint32_t m, double *out, uint32_t p, double alpha, d
   return 0;
 }
 
-uint32_t getccsize(uint32_t nframes, uint32_t p) {
-  const uint64_t size = (static_cast<uint64_t>(p) + 1) * nframes;
-  return size > UINT32_MAX ? 0 : static_cast<uint32_t>(size);
-}
+// In 32 bits, wrapping like every count: callers whose sizes may exceed
+// 32 bits check them beforehand (waveform2cc refuses such calls).
+uint32_t getccsize(uint32_t nframes, uint32_t p) { return (p + 1u) * nframes; }
 
 uint32_t getnumframes(uint32_t nsamples, uint32_t shift, uint32_t first) {
   return getnumanalysisframes(nsamples, shift, first);
@@ -258,16 +254,22 @@ int getseemcep(const double *x, uint32_t n, double fs, uint32_t centre, double f
 int waveform2cc(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first, uint32_t nframes,
                 const double *f0, uint32_t p, double *cc, double alpha, uint8_t method) {
   if (nframes == 0) return 0;
-  if (!f0 || !cc || (n > 0 && !x)) return -1;
-  if (!(fs > 0.0) || !std::isfinite(fs)) return -1;
-  // The per-frame methods would only double whatever c0 the output held.
-  if (!(std::fabs(alpha) < 1.0)) return -1;
   const uint64_t rowlen = static_cast<uint64_t>(p) + 1;
-  if (rowlen * nframes > UINT32_MAX) return -1;  // beyond getccsize
+  if (!cc || rowlen * nframes > UINT32_MAX) return -1;  // beyond getccsize: nothing to clear
+  // Refused calls leave a zeroed output rather than stale values.
+  const auto refuse = [&] {
+    for (uint64_t i = 0; i < rowlen * nframes; ++i) cc[i] = 0.0;
+    return -1;
+  };
+  if (!f0 || (n > 0 && !x)) return refuse();
+  if (!(fs > 0.0) || !std::isfinite(fs)) return refuse();
+  // |alpha| >= 1 is not refused: ccwarp then leaves each row as it was and
+  // only c0 is doubled (the discrete-cepstrum fits still fill their rows).
 
+  // The lowest positive f0 below the default enlarges the windows and the FFT.
   double fmin = kDefaultFmin;
   for (uint32_t k = 0; k < nframes; ++k)
-    if (f0[k] >= kLowestF0 && f0[k] < fmin) fmin = f0[k];
+    if (f0[k] > 0.0 && f0[k] < fmin) fmin = f0[k];
 
   uint32_t nfft = 0;
   if (fs <= 8000)
@@ -284,26 +286,24 @@ int waveform2cc(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t
   const uint32_t N3 = getwinlengthnperiodsodd(3.0, fmin, fs);
   const uint32_t pot2 = getwinlengthceilpot2(F > N3 ? F : N3);
   if (nfft <= pot2) nfft = pot2;
-  if (!ispowerof2(nfft) || nfft > kMaxFft) return -1;
+  if (!ispowerof2(nfft) || nfft > kMaxFft) return refuse();
 
   CCMEM *area = ccmeminitialize(fs, fmin, F, nfft, method);
-  if (!area) return -1;
+  if (!area) return refuse();
   double *buf = static_cast<double *>(std::malloc(2 * static_cast<size_t>(nfft) * sizeof(double)));
   if (!buf) {
     ccmemdestroy(area);
-    return -1;
+    return refuse();
   }
   int status = 0;
   for (uint32_t k = 0; k < nframes && status == 0; ++k) {
     const uint32_t centre = first + k * shift;
     double *c = cc + rowlen * k;
-    // f0 below the analysable range is taken as unvoiced.
-    const double fk = (f0[k] > 0.0 && f0[k] < kLowestF0) ? 0.0 : f0[k];
-    status = framemethod(method)(x, n, fs, centre, fk, nfft, buf, p, c, alpha, area);
+    status = framemethod(method)(x, n, fs, centre, f0[k], nfft, buf, p, c, alpha, area);
   }
   std::free(buf);
   ccmemdestroy(area);
-  return status == 0 ? 0 : -1;
+  return status == 0 ? 0 : refuse();
 }
 
 }  // extern "C"

@@ -59,11 +59,13 @@ typedef struct CCMEM {
 
 /* nframes rows of p+1 warped cepstra into cc (getccsize doubles). method:
  * 0 harmonic envelope (default), 1 regularised discrete cepstrum, 2 the same
- * on quasi-harmonic analysis, 3 signal spectrum, 4 SEEVOC envelope. Frames
- * with 0 < f0 < 20 Hz are analysed as unvoiced. 0; -1 (cc untouched) when x
- * (n > 0), f0 or cc is NULL, fs is not positive and finite, |alpha| >= 1 or
- * NaN, or (p+1)*nframes exceeds 32 bits; -1 also when the work areas cannot
- * be allocated. */
+ * on quasi-harmonic analysis, 3 signal spectrum, 4 SEEVOC envelope. The
+ * smallest positive f0 below 60 Hz sets the window and FFT sizes. With
+ * |alpha| >= 1 the warping is refused frame by frame: such rows keep their
+ * previous values with c0 doubled (no error). 0; -1 when x (n > 0), f0 or cc
+ * is NULL, fs is not positive and finite, the FFT would exceed 2^22 points or
+ * a work area cannot be allocated (cc zeroed), or (p+1)*nframes exceeds 32
+ * bits (cc untouched). */
 KESTREL_API int waveform2cc(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,
                             uint32_t nframes, const double *f0, uint32_t p, double *cc, double alpha,
                             uint8_t method);
@@ -89,7 +91,7 @@ KESTREL_API int getseemcep(const double *x, uint32_t n, double fs, uint32_t cent
  * 0, or -1 when |alpha| >= 1 (out untouched). */
 KESTREL_API int ccwarp(const double *c, uint32_t m, double *out, uint32_t p, double alpha, double *work);
 /* (p+1)*nframes. */
-KESTREL_API uint32_t getccsize(uint32_t nframes, uint32_t p);
+KESTREL_API uint32_t getccsize(uint32_t nframes, uint32_t p); /* (p+1)*nframes, wrapped to 32 bits */
 /* getnumanalysisframes(nsamples, shift, first). */
 KESTREL_API uint32_t getnumframes(uint32_t nsamples, uint32_t shift, uint32_t first);
 

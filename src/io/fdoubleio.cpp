@@ -73,16 +73,7 @@ uint32_t fdoublewrite(const char *path, double *array, uint32_t n, uint8_t keepi
     for (uint32_t i = 0; i < n; ++i) scratch[i] = static_cast<float>(array[i]);
     floats = reinterpret_cast<unsigned char *>(scratch.get());
   } else {
-    // Narrow in place, first to last: float i (bytes 4i..4i+3) overwrites
-    // only doubles below i, which have already been read.
-    auto *bytes = reinterpret_cast<unsigned char *>(array);
-    for (uint32_t i = 0; i < n; ++i) {
-      double d;
-      std::memcpy(&d, bytes + static_cast<size_t>(i) * sizeof(double), sizeof d);
-      const float v = static_cast<float>(d);
-      std::memcpy(bytes + static_cast<size_t>(i) * sizeof(float), &v, sizeof v);
-    }
-    floats = bytes;
+    floats = kestrel_io::narrowinplace(array, n);
   }
   if (!out.write(floats, sizeof(float), n)) return 0;  // out removes the file
   return out.finish() ? n : 0;

@@ -151,7 +151,8 @@ TEST_F(KestrelanaCli, ArgumentErrorsExit255WithoutOutput) {
            {"--alpha=nan", "-0.99...0.99"}, {"--method=5", "0...4"}, {"--method=-1", "0...4"},
            {"--f0min=19.9", "20...1000"}, {"--f0min=1001", "20...1000"}, {"--f0max=39", "40...2000"},
            {"--f0max=2000.5", "40...2000"}, {"--refine=2", "0...1"}, {"--htsscale=-1", "0...1"},
-           {"--htsscale=2", "0...1"}})
+           {"--htsscale=2", "0...1"}, {"--order=4294967297", "0...255"}, {"--lframe=4294967376", "1...8000"},
+           {"--method=4294967296", "0...4"}, {"--refine=-4294967295", "0...1"}})  // not wrapped to 32 bits
     rows.push_back({W + o.first, "Error: " + std::string(o.first) + " is out of range [" + o.second + "].\n"});
   for (const auto &row : rows) check(row.first, row.second, 255);
   EXPECT_EQ(list(), std::set<std::string>{"in.wav"});
@@ -377,6 +378,13 @@ TEST_F(KestrelanaCli, ClippingWarnsAboveOneInAThousandSamples) {
   for (size_t i = 0; i < s.size(); ++i) inter.insert(inter.end(), {i % 200 == 0 ? 1.0 : s[i], s[i]});
   writewav(at("@/st.wav"), WavLayout{44100, 2}, inter);
   check("@/st.wav @/c.lf0 @/c.cc", "Warning: @/st.wav is clipped (0.25 % of its samples at full scale).\n");
+  // A file cut short of what its header announces is analysed as far as it goes.
+  Bytes cut = wavbytes(WavLayout{}, harmonicsignal(150.0, 16000.0, 0.5, 0.5));
+  cut.resize(cut.size() - 1001);
+  writebytes(at("@/cut.wav"), cut);
+  check("@/cut.wav @/c.lf0 @/c.cc",
+        "Warning: @/cut.wav is cut short (its header announces 1001 more bytes of samples than it holds).\n");
+  EXPECT_EQ(floats("@/c.lf0").size(), expectedframes((8000 * 2 - 1001) / 2, 80));
 }
 
 // Failing outputs, outputs naming the input or one another: one error line,
@@ -405,7 +413,10 @@ TEST_F(KestrelanaCli, OutputProblemsLeaveEveryFileAsItWas) {
     EXPECT_EQ(list("/good").size() + list("/isdir").size(), 1u) << row.first;
   }
   // A device is written directly, and may stand for more than one output.
+  // A temporary a killed run left beside an output is removed.
+  std::ofstream(at("@/o.cc.kestrel-tmp0")) << "stale";
   check(W + "/dev/null @/o.cc /dev/null", "");
+  EXPECT_FALSE(fs::exists(at("@/o.cc.kestrel-tmp0")));
   EXPECT_EQ(floats("@/o.cc").size(), 40u * expectedframes(8000, 80));
   EXPECT_TRUE(fs::is_character_file("/dev/null"));
   // Outputs get the permissions of any file the user creates.

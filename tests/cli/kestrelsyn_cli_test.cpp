@@ -75,12 +75,13 @@ TEST_F(KestrelsynCli, ArgumentErrorsExit255WithoutOutput) {
     rows.push_back({F + o, kUsage});
   for (const char *l : {"1,,2", "5-1", "1-5,5", "-1", "x", "1-100(2)", "4294967296", "1-99999999999", "1(2"})
     rows.push_back({F + "--indlist=" + l, I});
-  // The final shift is trunc(fdur x lframe) in extended precision, taken as unsigned 32 bits.
+  // The final shift is trunc(fdur x lframe) in extended precision, taken as
+  // unsigned 32 bits; the message gives it as computed from the lframe given.
   for (const auto &s : std::vector<std::pair<const char *, const char *>>{
-           {"--lframe=0", "0"}, {"--lframe=0x", "0"}, {"--lframe=-80", "4294967216"},
+           {"--lframe=0", "0"}, {"--lframe=0x", "0"}, {"--lframe=-80", "-80"},
            {"--lframe=1 --fdur=0.25", "0"}, {"--lframe=1048577", "1048577"},
-           {"--lframe=4194308 --fdur=0.25", "1048577"}, {"--lframe=2147483648 --fdur=2", "0"},
-           {"--lframe=-1 --fdur=0.5", "2147483647"}})
+           {"--lframe=4194308 --fdur=0.25", "1048577"}, {"--lframe=2147483648 --fdur=2", "4294967296"},
+           {"--lframe=-1 --fdur=0.5", "0"}, {"--lframe=99999999999999", "99999999999999"}})
     rows.push_back({F + s.first, std::string("Error: frame shift of ") + s.second +
                                      " samples out of range (1 to 1048576).\n"});
   for (const auto &row : rows) {
@@ -129,6 +130,20 @@ TEST_F(KestrelsynCli, UtteranceMessages) {
   writefloats(at("@/fvshort.bin"), std::vector<float>(4, 4000.0f));
   writefloats(at("@/fvlong.bin"), std::vector<float>(8, 4000.0f));  // surplus ignored
   for (uint32_t n : {254u, 255u, 4095u}) writeutt("n" + std::to_string(n), makefeatures(n, 0));
+  fs::create_symlink(at("@/u.lf0"), at("@/link.wav"));
+  Features f = makefeatures(5);
+  const float nan = std::numeric_limits<float>::quiet_NaN(), inf = HUGE_VALF;
+  f.lf0[4] = -inf;  // the last frame is unvoiced (-1e10) in u
+  writefloats(at("@/minf.lf0"), f.lf0);
+  for (const auto &bad : std::vector<std::pair<const char *, float>>{{"nan", nan}, {"inf", inf}}) {
+    f.lf0[2] = bad.second;
+    writefloats(at("@/" + std::string(bad.first) + ".lf0"), f.lf0);
+  }
+  f.cc[30] = -inf;
+  writefloats(at("@/nan.cc"), f.cc);
+  writefloats(at("@/nan.fv"), std::vector<float>(5, nan));
+  writefloats(at("@/g.lf0"), std::vector<float>(2, std::log(10.5f)));
+  writefloats(at("@/g.cc"), std::vector<float>(2 * 100001, 0.0f));
   check("@/u.lf0 @/u.cc @/nofv.wav", "");
   check("@/u.lf0 @/u.cc @/u.fv @/fv.wav", "");
   const std::string U = "@/u.lf0 @/u.cc ", big = " @/o.wav --lframe=1048576";
@@ -156,6 +171,19 @@ TEST_F(KestrelsynCli, UtteranceMessages) {
       {U + "@/fvlong.bin @/o.wav", "", "@/fv.wav"},
       {U + "@/no/dir/o.wav", "Error: could not create @/no/dir/o.wav.\n", ""},
       {U + "@", "Error: could not create @.\n", ""},
+      // An output naming an input, also through a link, is refused before anything is read.
+      {U + "@/u.cc", "Error: @/u.cc is both an input and the output.\n", ""},
+      {U + "@/u.fv @/u.fv", "Error: @/u.fv is both an input and the output.\n", ""},
+      {U + "@/link.wav", "Error: @/link.wav is both an input and the output.\n", ""},
+      // Non-finite features: NaN or +inf log f0 and any in the cepstra end the
+      // utterance, -inf log f0 is unvoiced, an fv track with them is not used.
+      {"@/nan.lf0 @/u.cc @/o.wav", "Error: @/nan.lf0 holds values that are not finite numbers.\n", ""},
+      {"@/inf.lf0 @/u.cc @/o.wav", "Error: @/inf.lf0 holds values that are not finite numbers.\n", ""},
+      {"@/u.lf0 @/nan.cc @/o.wav", "Error: @/nan.cc holds values that are not finite numbers.\n", ""},
+      {"@/minf.lf0 @/u.cc @/o.wav", "", "@/nofv.wav"},
+      {U + "@/nan.fv @/o.wav", "Warning: @/nan.fv holds values that are not finite numbers.\n", "@/nofv.wav"},
+      // A synthesis work area beyond 1 GiB (2 frames at 10.5 Hz, order 100000).
+      {"@/g.lf0 @/g.cc @/o.wav", "Error: synthesis of @/g.lf0 failed (work area above 1 GiB or out of memory).\n", ""},
   };
   for (const auto &row : rows) {
     check(row.cmd, row.message);
@@ -165,13 +193,19 @@ TEST_F(KestrelsynCli, UtteranceMessages) {
     EXPECT_TRUE(row.same == "*" || bytes("@/o.wav") == bytes(row.same)) << row.cmd;
     fs::remove(at("@/o.wav"));
   }
-  // A write that fails midway (file-size limit) leaves no partial file.
-  check("@/u.lf0 @/u.cc @/o.wav", "Error: could not create @/o.wav.\n", 0, [] {
-    const rlimit lim{200, 200};
-    setrlimit(RLIMIT_FSIZE, &lim);
-    std::signal(SIGXFSZ, SIG_IGN);
-  });
-  EXPECT_FALSE(fs::exists(at("@/o.wav")));
+  // A write that fails midway (file-size limit) leaves no partial file, and an older one intact.
+  const auto nfiles = std::distance(fs::directory_iterator(dir), {});
+  for (const bool older : {false, true}) {
+    if (older) writebytes(at("@/o.wav"), {'o', 'l', 'd'});
+    check("@/u.lf0 @/u.cc @/o.wav", "Error: could not create @/o.wav.\n", 0, [] {
+      const rlimit lim{200, 200};
+      setrlimit(RLIMIT_FSIZE, &lim);
+      std::signal(SIGXFSZ, SIG_IGN);
+    });
+    EXPECT_EQ(bytes("@/o.wav"), (older ? Bytes{'o', 'l', 'd'} : Bytes{}));
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir), {}), nfiles + older);  // no temporary left
+  }
+  fs::remove(at("@/o.wav"));
   // A waveform buffer (2 GiB) that cannot be allocated: the address space is
   // capped, or under AddressSanitizer (which needs a vast one) its allocations.
   check("@/n254.lf0 @/n254.cc" + big, "Error: out of memory for @/n254.lf0.\n", 0, [] {
@@ -184,10 +218,9 @@ TEST_F(KestrelsynCli, UtteranceMessages) {
 #endif
   });
   EXPECT_FALSE(fs::exists(at("@/o.wav")));
-  // NaN and infinite features give non-finite samples, written as -32768.
-  Features f = makefeatures(5);
-  f.cc[25] = std::numeric_limits<float>::quiet_NaN();  // c0 of frame 1
-  f.cc[30] = HUGE_VALF;
+  // Finite features too large for the synthesis give non-finite samples, written as -32768.
+  f = makefeatures(5);
+  f.cc[25] = 1e30f;  // c0 of frame 1
   writeutt("bad", f);
   check("@/bad.lf0 @/bad.cc @/bad.wav", "Warning: @/bad.wav contains non-finite samples, written as -32768.\n");
   const std::vector<int> s = wav("@/bad.wav", 6 * 80 + 1);
@@ -203,7 +236,9 @@ TEST_F(KestrelsynCli, AlphaCompatibilityWarning) {
       {"--alpha=0.55 --fdrc=0.5", warning}, {"--alpha=0.55 --floud=nan", warning},
       {"--alpha=nan --fpfilt=0.5", warning + nonfinite},  // a NaN alpha also makes NaN samples
       {"--alpha=0.55 --floud=0", ""}, {"--alpha=0.55", ""}, {"--alpha=0.42 --fwarp=0.1 --floud=1", ""},
-      {"--floud=1 --fpfilt=0.5 --fdrc=0.5", ""}};
+      {"--floud=1 --fpfilt=0.5 --fdrc=0.5", ""}, {"--alpha=0.99", ""},
+      {"--alpha=1", "Warning: alpha 1 is outside (-1, 1): the output will not be meaningful.\n"},
+      {"--alpha=-2.5 --fwarp=0.1", "Warning: alpha -2.5 is outside (-1, 1): the output will not be meaningful.\n"}};
   for (const auto &row : rows) {
     check(std::string("@/u.lf0 @/u.cc @/w.wav ") + row.first, row.second);
     EXPECT_TRUE(fs::exists(at("@/w.wav")));

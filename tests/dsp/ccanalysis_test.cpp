@@ -114,7 +114,8 @@ TEST(CepstrumTail, WarpedCepstrumReproducesTheLogSpectrumAtEveryBin) {
 TEST(Waveform2cc, MatchesPerFrameCallsWithTheDesignedFrameSizes) {
   // nfft = 1024 while every f0 is >= 60 Hz (three periods at 60 Hz is 801
   // samples); a 40 Hz frame makes fmin 40 Hz and three periods 1201 samples,
-  // so nfft = 2048. Frames are centred on first + k*shift.
+  // so nfft = 2048; a 10 Hz frame (4801 samples) gives 8192 although the
+  // harmonic analysis refuses it. Frames are centred on first + k*shift.
   using Method = int (*)(const double *, uint32_t, double, uint32_t, double, uint32_t, double *, uint32_t, double *,
                          double, CCMEM *);
   const Method methods[] = {getharmmcep, getharmrdc, getqharmrdc, getwwcmcep, getseemcep};
@@ -123,7 +124,7 @@ TEST(Waveform2cc, MatchesPerFrameCallsWithTheDesignedFrameSizes) {
   const uint32_t n = 6000, p = 24, shift = 100, first = 1500;
   std::vector<double> x(n);
   for (uint32_t i = 0; i < n; ++i) x[i] = 0.3 * std::sin(2 * kPi * 150.0 * i / kFs) + g(gen);
-  const struct { double fmin; uint32_t nfft; } cases[] = {{60.0, 1024}, {59.0, 1024}, {40.0, 2048}};
+  const struct { double fmin; uint32_t nfft; } cases[] = {{60.0, 1024}, {59.0, 1024}, {40.0, 2048}, {10.0, 8192}};
   for (uint8_t method = 0; method <= 4; ++method)
     for (const auto &cs : cases) {
       SCOPED_TRACE(testing::Message() << "method " << int(method) << " fmin " << cs.fmin);
@@ -197,16 +198,25 @@ TEST(Waveform2cc, RobustAtEdgesAndOnBadInput) {
   ASSERT_EQ(waveform2cc(y.data(), 3000, kFs, 1000, 100, 3, f1.data(), 12, cc.data(), 0.42, 0), 0);
   EXPECT_TRUE(std::isnan(cc[0]));
   for (uint32_t j = 13; j < 39; ++j) EXPECT_TRUE(std::isfinite(cc[j])) << j;
-  // Refusals leave cc alone: no output array, invalid fs or alpha, a size beyond 32 bits.
+  // Refusals zero cc (a size beyond 32 bits leaves it alone): no output
+  // array, invalid fs, an FFT beyond 2^22 points (f0 0.01 Hz).
   EXPECT_EQ(waveform2cc(x.data(), 3000, kFs, 80, 0, 3, f1.data(), 12, nullptr, 0.42, 0), -1);
-  const struct { double fs; uint32_t p; double alpha; } bad[] = {
-      {NAN, 12, 0.42}, {0.0, 12, 0.42}, {kFs, 0xFFFFFFFFu, 0.42}, {kFs, 12, 1.0}, {kFs, 12, -1.0}, {kFs, 12, NAN}};
+  const std::vector<double> tiny = {0.0, 0.01, 0.0};
+  const struct { double fs; uint32_t p; const double *f0; double fill; } bad[] = {
+      {NAN, 12, f1.data(), 0.0}, {0.0, 12, f1.data(), 0.0}, {kFs, 12, tiny.data(), 0.0},
+      {kFs, 0xFFFFFFFFu, f1.data(), 4.0}};
   for (const auto &b : bad) {
     std::vector<double> out(3 * 13, 4.0);
-    EXPECT_EQ(waveform2cc(x.data(), 3000, b.fs, 80, 0, 3, f1.data(), b.p, out.data(), b.alpha, 0), -1)
-        << b.fs << " " << b.alpha;
-    EXPECT_EQ(out, std::vector<double>(3 * 13, 4.0));
+    EXPECT_EQ(waveform2cc(x.data(), 3000, b.fs, 80, 0, 3, b.f0, b.p, out.data(), 0.42, 0), -1) << b.fs;
+    EXPECT_EQ(out, std::vector<double>(3 * 13, b.fill)) << b.fs;
   }
+  // |alpha| >= 1 is no error: the warping leaves each row as it was and c0 is doubled.
+  for (double alpha : {1.0, -1.0, 2.5})
+    for (uint8_t method : {0, 3, 4}) {
+      std::vector<double> out(3 * 13, 1.5);
+      EXPECT_EQ(waveform2cc(x.data(), 3000, kFs, 80, 0, 3, f1.data(), 12, out.data(), alpha, method), 0);
+      for (uint32_t j = 0; j < out.size(); ++j) EXPECT_EQ(out[j], j % 13 ? 1.5 : 3.0) << alpha << " " << j;
+    }
   EXPECT_EQ(waveform2cc(x.data(), 3000, kFs, 80, 0, 0, f1.data(), 12, cc.data(), 0.42, 0), 0);
 }
 
@@ -215,7 +225,7 @@ TEST(CcSizes, CountsAndOverflow) {
     EXPECT_EQ(getnumframes(16000, 80, first), getnumanalysisframes(16000, 80, first)) << first;
   EXPECT_EQ(getnumframes(100, 80, 101), 53687092u);  // wraps like the analysis grid
   const uint32_t sizes[][3] = {{100, 39, 4000}, {0, 39, 0}, {1, 0, 1}, {0x10000u, 0xFFFFu, 0} /* 2^32 */,
-                               {1, 0xFFFFFFFFu, 0}};
+                               {1, 0xFFFFFFFFu, 0}, {100000, 65535, 2258632704u} /* wrapped */};
   for (const auto &s : sizes) EXPECT_EQ(getccsize(s[0], s[1]), s[2]) << s[0] << " " << s[1];
 }
 

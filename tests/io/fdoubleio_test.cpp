@@ -2,13 +2,16 @@
 #include "fdoubleio.h"
 
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -116,6 +119,40 @@ TEST_F(FeatureFileTest, WriteFailuresAreReportedWithoutDamage) {
     return r1 && r2 && fdoublewrite(p.c_str(), big.data(), 10, 1) == 10;
   }));
   EXPECT_EQ(std::filesystem::file_size(p), 40u);
+}
+
+// A write goes to a temporary beside the output and replaces the old file
+// only when complete: the old file survives a failed write, its permission
+// bits and a link to it survive a good one, and temporaries a killed writer
+// left (unlocked) are removed while a running writer's (locked) one stays.
+TEST_F(FeatureFileTest, WritesReplaceTheOldFileOnlyWhenComplete) {
+  namespace fs = std::filesystem;
+  const std::string p = path("o.f"), held = p + ".kestrel-tmp1";
+  writebytes(p, {'o', 'l', 'd'});
+  EXPECT_TRUE(withfilesizelimit(100, [&] {
+    std::vector<double> big(10000, 0.5);
+    return fdoublewrite(p.c_str(), big.data(), 10000, 1) == 0;
+  }));
+  EXPECT_EQ(readbytes(p), (Bytes{'o', 'l', 'd'}));
+  chmod(p.c_str(), 0640);
+  symlink("o.f", path("link.f").c_str());
+  for (int slot : {0, 1, 7}) writebytes(p + ".kestrel-tmp" + std::to_string(slot), {'x'});
+  const int lock = open(held.c_str(), O_RDONLY);
+  ASSERT_EQ(flock(lock, LOCK_EX), 0);
+  double v[2] = {1.0, 2.0};
+  ASSERT_EQ(fdoublewrite(path("link.f").c_str(), v, 2, 1), 2u);
+  close(lock);
+  EXPECT_EQ(readbytes(p).size(), 8u);
+  EXPECT_TRUE(fs::is_symlink(path("link.f")));
+  EXPECT_EQ(fs::status(p).permissions(), fs::perms(0640));
+  std::set<std::string> left;
+  for (const auto &e : fs::directory_iterator(dir_)) left.insert(e.path().filename().string());
+  EXPECT_EQ(left, (std::set<std::string>{"o.f", "link.f", "o.f.kestrel-tmp1"}));
+  // A new file gets 0666 less the umask.
+  const mode_t mask = umask(027);
+  ASSERT_EQ(fdoublewrite(path("new.f").c_str(), v, 2, 1), 2u);
+  umask(mask);
+  EXPECT_EQ(fs::status(path("new.f")).permissions(), fs::perms(0640));
 }
 
 }  // namespace

@@ -1,0 +1,74 @@
+// Shared pieces of the fuzz targets: a private scratch directory per process,
+// files written from fuzz bytes, and a reader of structured values that never
+// runs past the input (missing bytes read as zeros).
+#ifndef KESTREL_TESTS_FUZZ_FUZZUTIL_H
+#define KESTREL_TESTS_FUZZ_FUZZUTIL_H
+
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace kestrelfuzz {
+
+// A directory of this process, made once and kept for the whole run.
+inline const std::string &scratchdir() {
+  static const std::string dir = [] {
+    std::string t = "/tmp/kestrel_fuzz_XXXXXX";
+    if (!mkdtemp(&t[0])) std::abort();
+    return t;
+  }();
+  return dir;
+}
+
+inline std::string scratchfile(const char *name) { return scratchdir() + "/" + name; }
+
+inline void writefile(const std::string &path, const uint8_t *data, size_t size) {
+  std::FILE *f = std::fopen(path.c_str(), "wb");
+  if (!f) std::abort();
+  if (size > 0 && std::fwrite(data, 1, size, f) != size) std::abort();
+  std::fclose(f);
+}
+
+// The programs print their messages on stdout: keep the fuzzer's log readable.
+inline void silencestdout() {
+  if (!std::freopen("/dev/null", "w", stdout)) std::abort();
+}
+
+class Bytes {
+ public:
+  Bytes(const uint8_t *data, size_t size) : p_(data), n_(size) {}
+  template <class T>
+  T take() {
+    T v{};
+    unsigned char raw[sizeof(T)] = {};
+    const size_t k = n_ < sizeof(T) ? n_ : sizeof(T);
+    std::memcpy(raw, p_, k);
+    std::memcpy(&v, raw, sizeof(T));
+    p_ += k;
+    n_ -= k;
+    return v;
+  }
+  const uint8_t *rest() const { return p_; }
+  size_t left() const { return n_; }
+  // Splits off the next count bytes (fewer at the end).
+  Bytes split(size_t count) {
+    if (count > n_) count = n_;
+    Bytes b(p_, count);
+    p_ += count;
+    n_ -= count;
+    return b;
+  }
+
+ private:
+  const uint8_t *p_;
+  size_t n_;
+};
+
+}  // namespace kestrelfuzz
+
+#endif
