@@ -17,8 +17,10 @@
 #include <vector>
 
 #include "ccanalysis.h"
+#include "dft.h"
 #include "harmonicanalysis.h"
 #include "matvect.h"
+#include "randgen.h"
 #include "spectralanalysis.h"
 #include "windowing.h"
 
@@ -131,6 +133,29 @@ void fillrows(uint32_t p, uint32_t r, double w, const double *freqs, double alph
       }
     }
   }
+}
+
+// gennoisefromlogspectrumr with the frame's draws taken in one batch and the
+// inverse FFT from a plan made once per utterance: the same operations on the
+// same values. draws holds nfft/2 - 1 values.
+void noiseframe(double *buf, uint32_t nfft, double fs, RANDGEN *state, int32_t *draws, const FFTPLAN *inverse) {
+  constexpr double kPhaseStep = 2.925836159896768e-09;  // 2*pi/2147483647
+  double *re = buf;
+  double *im = buf + nfft;
+  const uint32_t half = nfft / 2;
+  const double gain = std::sqrt(fs / static_cast<double>(nfft));
+  randgendraws(state, draws, half - 1);
+  re[0] = im[0] = 0.0;
+  re[half] = im[half] = 0.0;
+  for (uint32_t k = 1; k < half; ++k) {
+    const double m = std::exp(re[k]) * gain;
+    const double psi = static_cast<double>(draws[k - 1]) * kPhaseStep;
+    im[k] = std::sin(psi) * m;
+    re[k] = std::cos(psi) * m;
+    re[nfft - k] = re[k];
+    im[nfft - k] = -im[k];
+  }
+  fftplanr(inverse, re, im);
 }
 
 // Triangular overlap-add of a 2*shift frame starting at output sample start,
@@ -251,11 +276,15 @@ int cc2waveform(double *output, uint32_t length, double fs, uint32_t shift, uint
     if (nmat > kMaxWorkDoubles || total > kMaxWorkDoubles) return -1;
 
     std::vector<double> work;
+    std::vector<int32_t> draws;
     try {
       work.assign(static_cast<size_t>(total), 0.0);
+      draws.assign(nfft / 2, 0);
     } catch (const std::bad_alloc &) {
       return -1;
     }
+    FFTPLAN *inverse = fftplancreate(static_cast<int32_t>(nfft), -1);
+    if (!inverse) return -1;
     // Matrix block: harmonic cosines, harmonic sines, envelope-grid cosines;
     // vector block: amplitudes, phases, grid log amplitudes; then the frame.
     double *hcos = work.data();
@@ -299,7 +328,7 @@ int cc2waveform(double *output, uint32_t length, double fs, uint32_t shift, uint
       }
 
       resamplelogampenv(kGridStep, grid, nenv, dfbin, re + 1, nbins);
-      gennoisefromlogspectrumr(re, nfft, fs, &noise);
+      noiseframe(re, nfft, fs, &noise, draws.data(), inverse);
 
       if (f > 0) {
         uint32_t nh = hanoharms(fs, fvi, f);
@@ -325,6 +354,7 @@ int cc2waveform(double *output, uint32_t length, double fs, uint32_t shift, uint
         olatriangclipped(output, re, start, shift, length);
       f0prev = f;
     }
+    fftplanfree(inverse);
   }
 
   for (uint32_t i = nsynth; i < nframes; ++i) {
