@@ -38,6 +38,47 @@ uint32_t kindof(const void *area) {
   return kind;
 }
 
+// G consecutive passes of the warping recursion over buf[0..P], pass g adding
+// cdown[-g]: element j of pass g needs only elements j-1 and j of pass g-1 and
+// its own j-1, so the passes advance together one element at a time, their
+// independent chains overlapping, each with its own operations and order.
+constexpr uint64_t kWarpPasses = 4;
+
+template <uint64_t G>
+void warppasses(double *buf, uint64_t P, const double *cdown, double alpha, double beta) {
+  double in[G], own[G];  // per pass: its input and its output at j - 1
+  double x = buf[0];
+#pragma GCC unroll 4
+  for (uint64_t g = 0; g < G; ++g) {
+    const double v = alpha * x + cdown[-static_cast<int64_t>(g)];
+    in[g] = x;
+    own[g] = v;
+    x = v;
+  }
+  buf[0] = x;
+  if (P == 0) return;
+  x = buf[1];
+#pragma GCC unroll 4
+  for (uint64_t g = 0; g < G; ++g) {
+    const double v = alpha * x + beta * in[g];
+    in[g] = x;
+    own[g] = v;
+    x = v;
+  }
+  buf[1] = x;
+  for (uint64_t j = 2; j <= P; ++j) {
+    x = buf[j];
+#pragma GCC unroll 4
+    for (uint64_t g = 0; g < G; ++g) {
+      const double v = alpha * (x - own[g]) + in[g];
+      in[g] = x;
+      own[g] = v;
+      x = v;
+    }
+    buf[j] = x;
+  }
+}
+
 // Warps r[0..m] into c[0..p] with a scratch of p+1 doubles: the free
 // imaginary half of buf when it is large enough, otherwise a temporary.
 // false only when that temporary cannot be allocated.
@@ -158,18 +199,12 @@ int ccwarp(const double *c, uint32_t m, double *out, uint32_t p, double alpha, d
   const uint64_t P = p, M = m;
   for (uint64_t j = 0; j <= P; ++j) out[j] = 0.0;
   const double beta = 1.0 - alpha * alpha;
-  double *prev = out;
-  double *next = work;
-  for (uint64_t i = 0; i <= M; ++i) {
-    next[0] = alpha * prev[0] + c[M - i];
-    if (P >= 1) next[1] = alpha * prev[1] + beta * prev[0];
-    for (uint64_t j = 2; j <= P; ++j) next[j] = alpha * (prev[j] - next[j - 1]) + prev[j - 1];
-    double *t = prev;
-    prev = next;
-    next = t;
-  }
-  if (prev == work)
-    for (uint64_t j = 0; j <= P; ++j) out[j] = work[j];
+  // Pass i takes c[M - i]; passes run four at a time, in place, so that the
+  // scratch the interface provides for is no longer needed.
+  (void)work;
+  uint64_t i = 0;
+  for (; i + kWarpPasses <= M + 1; i += kWarpPasses) warppasses<kWarpPasses>(out, P, c + (M - i), alpha, beta);
+  for (; i <= M; ++i) warppasses<1>(out, P, c + (M - i), alpha, beta);
   return 0;
 }
 

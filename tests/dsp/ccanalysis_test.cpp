@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <complex>
 #include <cstdint>
 #include <random>
@@ -53,6 +54,34 @@ TEST(CcWarp, PreservesTheSpectrumAtWarpedFrequencies) {
       for (int j = 1; j < 64; ++j)
         EXPECT_LT(std::abs(spectrum(out, warpfreq(kPi * j / 64.0, alpha)) - spectrum(c, kPi * j / 64.0)), 1e-11) << j;
     }
+}
+
+TEST(CcWarp, GivesThePlainRecursionsBitsForAnyPassCount) {
+  // The recursion one pass at a time, alternating two buffers; ccwarp runs
+  // several passes together, so pass counts around multiples of that matter.
+  auto plain = [](const std::vector<double> &c, uint32_t p, double alpha) {
+    const double beta = 1.0 - alpha * alpha;
+    std::vector<double> prev(p + 1, 0.0), next(p + 1);
+    for (size_t i = c.size(); i-- > 0;) {
+      next[0] = alpha * prev[0] + c[i];
+      if (p >= 1) next[1] = alpha * prev[1] + beta * prev[0];
+      for (uint32_t j = 2; j <= p; ++j) next[j] = alpha * (prev[j] - next[j - 1]) + prev[j - 1];
+      std::swap(prev, next);
+    }
+    return prev;
+  };
+  std::mt19937_64 gen(5);
+  std::uniform_real_distribution<double> u(-3.0, 3.0);
+  for (uint32_t m : {0u, 1u, 2u, 3u, 4u, 5u, 7u, 8u, 9u, 256u, 511u})
+    for (uint32_t p : {0u, 1u, 2u, 3u, 39u, 300u})
+      for (double alpha : {0.42, -0.77}) {
+        std::vector<double> c(m + 1), out(p + 1, 9.0), work(p + 1);
+        for (double &v : c) v = u(gen);
+        ASSERT_EQ(ccwarp(c.data(), m, out.data(), p, alpha, work.data()), 0);
+        const std::vector<double> expected = plain(c, p, alpha);
+        ASSERT_EQ(0, std::memcmp(out.data(), expected.data(), (p + 1) * sizeof(double)))
+            << "m " << m << " p " << p << " alpha " << alpha;
+      }
 }
 
 TEST(CcWarp, ClosedFormsAndTheUnwarpedShortcut) {
