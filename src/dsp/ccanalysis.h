@@ -27,6 +27,12 @@ KESTREL_API uint32_t getwaveformlength(uint32_t shift, uint32_t nframes);
  * (output zeroed, cc untouched). */
 KESTREL_API int cc2waveform(double *output, uint32_t length, double fs, uint32_t shift, uint32_t nframes,
                             const double *f0, const double *fv, uint32_t order, double *cc, double alpha);
+/* cc2waveform with the frames shared among up to threads threads (0 or 1: the
+ * calling thread only); the same samples and cc, bit for bit, for every count.
+ * Work areas: one per thread (about (order+1)*(2*fs/f0min + fs/100) doubles). */
+KESTREL_API int cc2waveformthreads(double *output, uint32_t length, double fs, uint32_t shift, uint32_t nframes,
+                                   const double *f0, const double *fv, uint32_t order, double *cc, double alpha,
+                                   uint32_t threads);
 /* First-order all-pass frequency warping of angular frequency w. */
 KESTREL_API double fwarp(double w, double alpha);
 /* Cosine (and optionally sine) matrices, n rows of p+1, at harmonics (r+1)*f0
