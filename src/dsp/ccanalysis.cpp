@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <thread>
 #include <vector>
 
 #include "dft.h"
@@ -26,6 +27,9 @@ namespace {
 constexpr double kLowestF0 = 20.0;
 constexpr double kDefaultFmin = 60.0;
 constexpr uint32_t kMaxFft = 1u << 22;
+// Threads of one analysis at most, and the frames they take at a time.
+constexpr uint32_t kMaxThreads = 256;
+constexpr uint32_t kChunkFrames = 8;
 // Largest design matrix plus solver work area (doubles) a discrete-cepstrum
 // fit may allocate when the harmonic area's buffer is too small (order ~1400).
 constexpr uint64_t kMaxFitDoubles = uint64_t(1) << 22;
@@ -292,6 +296,11 @@ int getseemcep(const double *x, uint32_t n, double fs, uint32_t centre, double f
 
 int waveform2cc(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first, uint32_t nframes,
                 const double *f0, uint32_t p, double *cc, double alpha, uint8_t method) {
+  return waveform2ccthreads(x, n, fs, shift, first, nframes, f0, p, cc, alpha, method, 1);
+}
+
+int waveform2ccthreads(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first, uint32_t nframes,
+                       const double *f0, uint32_t p, double *cc, double alpha, uint8_t method, uint32_t threads) {
   if (nframes == 0) return 0;
   if (!f0 || !cc || (n > 0 && !x)) return -1;
   if (!(fs > 0.0) || !std::isfinite(fs)) return -1;
@@ -321,24 +330,56 @@ int waveform2cc(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t
   if (nfft <= pot2) nfft = pot2;
   if (!ispowerof2(nfft) || nfft > kMaxFft) return -1;
 
-  CCMEM *area = ccmeminitialize(fs, fmin, F, nfft, method);
-  if (!area) return -1;
-  double *buf = static_cast<double *>(std::malloc(2 * static_cast<size_t>(nfft) * sizeof(double)));
-  if (!buf) {
-    ccmemdestroy(area);
-    return -1;
+  const uint32_t chunks = (nframes + kChunkFrames - 1) / kChunkFrames;
+  if (threads == 0) threads = 1;
+  if (threads > kMaxThreads) threads = kMaxThreads;
+  if (threads > chunks) threads = chunks;
+  // One work area and frame buffer per thread, all made before any frame is
+  // analysed, so that a refusal leaves cc untouched.
+  CCMEM *areas[kMaxThreads] = {};
+  double *bufs[kMaxThreads] = {};
+  bool ready = true;
+  for (uint32_t t = 0; t < threads && ready; ++t) {
+    areas[t] = ccmeminitialize(fs, fmin, F, nfft, method);
+    bufs[t] = static_cast<double *>(std::malloc(2 * static_cast<size_t>(nfft) * sizeof(double)));
+    ready = areas[t] && bufs[t];
   }
-  int status = 0;
-  for (uint32_t k = 0; k < nframes && status == 0; ++k) {
-    const uint32_t centre = first + k * shift;
-    double *c = cc + rowlen * k;
-    // f0 below the analysable range is taken as unvoiced.
-    const double fk = (f0[k] > 0.0 && f0[k] < kLowestF0) ? 0.0 : f0[k];
-    status = framemethod(method)(x, n, fs, centre, fk, nfft, buf, p, c, alpha, area);
+  int status[kMaxThreads] = {};
+  if (ready) {
+    // Frames go to the threads in chunks, chunk j to thread j mod threads;
+    // every frame is analysed on its own, so the split does not matter.
+    auto run = [&](uint32_t t, CCMEM *area, double *buf) {
+      for (uint32_t j = t; j < chunks && status[t] == 0; j += threads) {
+        const uint32_t end = (nframes - j * kChunkFrames > kChunkFrames) ? (j + 1) * kChunkFrames : nframes;
+        for (uint32_t k = j * kChunkFrames; k < end && status[t] == 0; ++k) {
+          const uint32_t centre = first + k * shift;
+          double *c = cc + rowlen * k;
+          // f0 below the analysable range is taken as unvoiced.
+          const double fk = (f0[k] > 0.0 && f0[k] < kLowestF0) ? 0.0 : f0[k];
+          status[t] = framemethod(method)(x, n, fs, centre, fk, nfft, buf, p, c, alpha, area);
+        }
+      }
+    };
+    std::thread pool[kMaxThreads];
+    for (uint32_t t = 1; t < threads; ++t) {
+      try {
+        pool[t] = std::thread(run, t, areas[t], bufs[t]);
+      } catch (...) {
+      }
+    }
+    run(0, areas[0], bufs[0]);
+    for (uint32_t t = 1; t < threads; ++t)
+      if (!pool[t].joinable()) run(t, areas[0], bufs[0]);
+    for (uint32_t t = 1; t < threads; ++t)
+      if (pool[t].joinable()) pool[t].join();
   }
-  std::free(buf);
-  ccmemdestroy(area);
-  return status == 0 ? 0 : -1;
+  bool failed = !ready;
+  for (uint32_t t = 0; t < threads; ++t) {
+    failed = failed || status[t] != 0;
+    std::free(bufs[t]);
+    if (areas[t]) ccmemdestroy(areas[t]);
+  }
+  return failed ? -1 : 0;
 }
 
 }  // extern "C"

@@ -73,6 +73,13 @@ typedef struct CCMEM {
 KESTREL_API int waveform2cc(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,
                             uint32_t nframes, const double *f0, uint32_t p, double *cc, double alpha,
                             uint8_t method);
+/* waveform2cc with the frames shared among up to threads threads (0 or 1: the
+ * calling thread only), one work area each; the same cc, bit for bit, for
+ * every count. On a failed frame -1 as waveform2cc, but frames after it may
+ * have been written. */
+KESTREL_API int waveform2ccthreads(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,
+                                   uint32_t nframes, const double *f0, uint32_t p, double *cc, double alpha,
+                                   uint8_t method, uint32_t threads);
 /* New work area (NULL when the noise area cannot be made; harmonic stays NULL
  * when its area is refused, and voiced frames then take the noise spectrum). */
 KESTREL_API CCMEM *ccmeminitialize(double fs, double fmin, uint32_t framesize, uint32_t nfft, uint8_t method);

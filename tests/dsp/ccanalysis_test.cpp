@@ -169,6 +169,25 @@ TEST(Waveform2cc, MatchesPerFrameCallsWithTheDesignedFrameSizes) {
     }
 }
 
+TEST(Waveform2cc, EveryThreadCountGivesTheSameBits) {
+  // 45 frames, voiced and unvoiced, in chunks that do not divide evenly among the threads.
+  std::mt19937_64 gen(8);
+  std::normal_distribution<double> g(0.0, 0.1);
+  const uint32_t n = 8000, p = 24, nframes = 45;
+  std::vector<double> x(n), f0(nframes);
+  for (uint32_t i = 0; i < n; ++i) x[i] = 0.3 * std::sin(2 * kPi * (120.0 + i / 100.0) * i / kFs) + g(gen);
+  for (uint32_t k = 0; k < nframes; ++k) f0[k] = (k % 7 == 3) ? 0.0 : 110.0 + 3.0 * k;
+  for (uint8_t method = 0; method <= 4; ++method) {
+    std::vector<double> want(getccsize(nframes, p));
+    ASSERT_EQ(waveform2cc(x.data(), n, kFs, 160, 200, nframes, f0.data(), p, want.data(), 0.42, method), 0);
+    for (uint32_t threads : {0u, 2u, 3u, 9u}) {
+      std::vector<double> cc(want.size(), 7.0);
+      ASSERT_EQ(waveform2ccthreads(x.data(), n, kFs, 160, 200, nframes, f0.data(), p, cc.data(), 0.42, method, threads), 0);
+      EXPECT_EQ(0, std::memcmp(cc.data(), want.data(), want.size() * sizeof(double))) << int(method) << " " << threads;
+    }
+  }
+}
+
 TEST(Waveform2cc, HarmonicSignalOfFlatSpectrumReadsItsDensity) {
   // Harmonics of equal amplitude a have density a/(2 sqrt f0) in the unit the
   // synthesis reads; every method must find that level across the band. An
