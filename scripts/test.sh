@@ -16,8 +16,8 @@ run_suite() {  # build dir, extra cmake args...
 
 # The tests that run the library or the programs on several threads at once,
 # built and run alone under ThreadSanitizer.
-threaded_targets=(test_dsp_reentrancy_test)
-threaded_tests='Reentrancy'
+threaded_targets=(test_dsp_reentrancy_test test_dsp_ccsynthesis_test test_dsp_ccanalysis_test)
+threaded_tests='Reentrancy|EveryThreadCount'
 
 echo "== optimised build =="
 run_suite build
