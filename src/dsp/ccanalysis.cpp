@@ -46,13 +46,13 @@ uint32_t kindof(const void *area) {
 // cdown[-g]: element j of pass g needs only elements j-1 and j of pass g-1 and
 // its own j-1, so the passes advance together one element at a time, their
 // independent chains overlapping, each with its own operations and order.
-constexpr uint64_t kWarpPasses = 4;
+constexpr uint64_t kWarpPasses = 8;
 
 template <uint64_t G>
 void warppasses(double *buf, uint64_t P, const double *cdown, double alpha, double beta) {
   double in[G], own[G];  // per pass: its input and its output at j - 1
   double x = buf[0];
-#pragma GCC unroll 4
+#pragma GCC unroll 8
   for (uint64_t g = 0; g < G; ++g) {
     const double v = alpha * x + cdown[-static_cast<int64_t>(g)];
     in[g] = x;
@@ -62,7 +62,7 @@ void warppasses(double *buf, uint64_t P, const double *cdown, double alpha, doub
   buf[0] = x;
   if (P == 0) return;
   x = buf[1];
-#pragma GCC unroll 4
+#pragma GCC unroll 8
   for (uint64_t g = 0; g < G; ++g) {
     const double v = alpha * x + beta * in[g];
     in[g] = x;
@@ -72,7 +72,7 @@ void warppasses(double *buf, uint64_t P, const double *cdown, double alpha, doub
   buf[1] = x;
   for (uint64_t j = 2; j <= P; ++j) {
     x = buf[j];
-#pragma GCC unroll 4
+#pragma GCC unroll 8
     for (uint64_t g = 0; g < G; ++g) {
       const double v = alpha * (x - own[g]) + in[g];
       in[g] = x;
@@ -203,7 +203,7 @@ int ccwarp(const double *c, uint32_t m, double *out, uint32_t p, double alpha, d
   const uint64_t P = p, M = m;
   for (uint64_t j = 0; j <= P; ++j) out[j] = 0.0;
   const double beta = 1.0 - alpha * alpha;
-  // Pass i takes c[M - i]; passes run four at a time, in place, so that the
+  // Pass i takes c[M - i]; passes run eight at a time, in place, so that the
   // scratch the interface provides for is no longer needed.
   (void)work;
   uint64_t i = 0;
