@@ -1,5 +1,5 @@
-// FFT throughput in the split layout the synthesis uses: one forward and one
-// inverse transform per iteration at the frame sizes of the system.
+// FFT throughput in both layouts at the frame sizes of the system: a fresh
+// frame per iteration (copy included), reported as nanoseconds per point.
 #include "dft.h"
 
 #include <benchmark/benchmark.h>
@@ -18,58 +18,80 @@ std::vector<double> signal(size_t n) {
   return v;
 }
 
-// A round trip multiplies the data by n; scaling back keeps it bounded (the
-// O(n) scaling is included in the timing).
-void rescale(std::vector<double> &buf, double n) {
-  const double inv = 1.0 / n;
-  for (double &d : buf) d *= inv;
+void perpoint(benchmark::State &state, int32_t n) {
+  state.counters["ns/point"] = benchmark::Counter(static_cast<double>(state.iterations()) * n,
+                                                  benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
-void BM_fftr_ifftr(benchmark::State &state) {
-  const int32_t n = static_cast<int32_t>(state.range(0));
-  std::vector<double> buf = signal(2 * static_cast<size_t>(n));  // re in [0, n), im in [n, 2n)
-  for (auto _ : state) {
-    fftr(n, buf.data(), buf.data() + n);
-    ifftr(n, buf.data(), buf.data() + n);
-    benchmark::DoNotOptimize(buf.data());
-    benchmark::ClobberMemory();
-    rescale(buf, n);
-  }
-  state.counters["transforms/s"] = benchmark::Counter(2.0 * state.iterations(), benchmark::Counter::kIsRate);
-}
-
-void BM_fftr(benchmark::State &state) {
-  const int32_t n = static_cast<int32_t>(state.range(0));
-  const std::vector<double> input = signal(2 * static_cast<size_t>(n));
-  std::vector<double> buf = input;
-  for (auto _ : state) {
-    buf = input;  // a fresh frame each time, as in the synthesis (copy included)
-    fftr(n, buf.data(), buf.data() + n);
-    benchmark::DoNotOptimize(buf.data());
-    benchmark::ClobberMemory();
-  }
-  state.counters["transforms/s"] = benchmark::Counter(static_cast<double>(state.iterations()),
-                                                      benchmark::Counter::kIsRate);
-}
-
-void BM_ifftr(benchmark::State &state) {
+// direction 1 forward, -1 inverse; split layout: re in [0, n), im in [n, 2n).
+template <int8_t Direction>
+void BM_split(benchmark::State &state) {
   const int32_t n = static_cast<int32_t>(state.range(0));
   const std::vector<double> input = signal(2 * static_cast<size_t>(n));
   std::vector<double> buf = input;
   for (auto _ : state) {
     buf = input;
-    ifftr(n, buf.data(), buf.data() + n);
+    dofftr(n, buf.data(), buf.data() + n, Direction);
     benchmark::DoNotOptimize(buf.data());
     benchmark::ClobberMemory();
   }
-  state.counters["transforms/s"] = benchmark::Counter(static_cast<double>(state.iterations()),
-                                                      benchmark::Counter::kIsRate);
+  perpoint(state, n);
+}
+
+template <int8_t Direction>
+void BM_interleaved(benchmark::State &state) {
+  const int32_t n = static_cast<int32_t>(state.range(0));
+  const std::vector<double> input = signal(2 * static_cast<size_t>(n));
+  std::vector<double> buf = input;
+  for (auto _ : state) {
+    buf = input;
+    dofftc(n, buf.data(), Direction);
+    benchmark::DoNotOptimize(buf.data());
+    benchmark::ClobberMemory();
+  }
+  perpoint(state, n);
+}
+
+// The same with a plan made once outside the loop.
+template <int8_t Direction>
+void BM_plansplit(benchmark::State &state) {
+  const int32_t n = static_cast<int32_t>(state.range(0));
+  const std::vector<double> input = signal(2 * static_cast<size_t>(n));
+  std::vector<double> buf = input;
+  FFTPLAN *plan = fftplancreate(n, Direction);
+  for (auto _ : state) {
+    buf = input;
+    fftplanr(plan, buf.data(), buf.data() + n);
+    benchmark::DoNotOptimize(buf.data());
+    benchmark::ClobberMemory();
+  }
+  fftplanfree(plan);
+  perpoint(state, n);
+}
+
+template <int8_t Direction>
+void BM_planinterleaved(benchmark::State &state) {
+  const int32_t n = static_cast<int32_t>(state.range(0));
+  const std::vector<double> input = signal(2 * static_cast<size_t>(n));
+  std::vector<double> buf = input;
+  FFTPLAN *plan = fftplancreate(n, Direction);
+  for (auto _ : state) {
+    buf = input;
+    fftplanc(plan, buf.data());
+    benchmark::DoNotOptimize(buf.data());
+    benchmark::ClobberMemory();
+  }
+  fftplanfree(plan);
+  perpoint(state, n);
 }
 
 }  // namespace
 
-BENCHMARK(BM_fftr)->Arg(256)->Arg(1024)->Arg(2048);
-BENCHMARK(BM_ifftr)->Arg(256)->Arg(1024)->Arg(2048);
-BENCHMARK(BM_fftr_ifftr)->Arg(256)->Arg(1024)->Arg(2048);
+BENCHMARK_TEMPLATE(BM_split, 1)->Arg(256)->Arg(1024)->Arg(2048)->Arg(4096);
+BENCHMARK_TEMPLATE(BM_split, -1)->Arg(256)->Arg(1024)->Arg(2048)->Arg(4096);
+BENCHMARK_TEMPLATE(BM_interleaved, 1)->Arg(256)->Arg(1024)->Arg(2048)->Arg(4096);
+BENCHMARK_TEMPLATE(BM_interleaved, -1)->Arg(256)->Arg(1024)->Arg(2048)->Arg(4096);
+BENCHMARK_TEMPLATE(BM_plansplit, 1)->Arg(256)->Arg(1024)->Arg(2048)->Arg(4096);
+BENCHMARK_TEMPLATE(BM_planinterleaved, 1)->Arg(256)->Arg(1024)->Arg(2048)->Arg(4096);
 
 BENCHMARK_MAIN();

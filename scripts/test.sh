@@ -17,8 +17,9 @@ run_suite() {  # build dir, extra cmake args...
 
 # The tests that run the library or the programs on several threads at once,
 # built and run alone under ThreadSanitizer.
-threaded_targets=(test_dsp_reentrancy_test test_cli_batch_cli_test kestrelana kestrelsyn)
-threaded_tests='Reentrancy|BatchTest.LogsAndFiles'
+threaded_targets=(test_dsp_reentrancy_test test_dsp_ccsynthesis_test test_dsp_ccanalysis_test
+                  test_cli_batch_cli_test kestrelana kestrelsyn)
+threaded_tests='Reentrancy|EveryThreadCount|BatchTest.LogsAndFiles'
 
 echo "== optimised build =="
 run_suite build

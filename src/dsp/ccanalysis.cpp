@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <thread>
 #include <vector>
 
 #include "dft.h"
@@ -23,6 +24,9 @@ namespace {
 
 constexpr double kDefaultFmin = 60.0;
 constexpr uint32_t kMaxFft = 1u << 22;
+// Threads of one analysis at most, and the frames they take at a time.
+constexpr uint32_t kMaxThreads = 256;
+constexpr uint32_t kChunkFrames = 8;
 // Largest design matrix plus solver work area (doubles) a discrete-cepstrum
 // fit may allocate when the harmonic area's buffer is too small (order ~1400).
 constexpr uint64_t kMaxFitDoubles = uint64_t(1) << 22;
@@ -33,6 +37,47 @@ uint32_t kindof(const void *area) {
   uint32_t kind = 0;
   if (area) std::memcpy(&kind, area, sizeof kind);
   return kind;
+}
+
+// G consecutive passes of the warping recursion over buf[0..P], pass g adding
+// cdown[-g]: element j of pass g needs only elements j-1 and j of pass g-1 and
+// its own j-1, so the passes advance together one element at a time, their
+// independent chains overlapping, each with its own operations and order.
+constexpr uint64_t kWarpPasses = 8;
+
+template <uint64_t G>
+void warppasses(double *buf, uint64_t P, const double *cdown, double alpha, double beta) {
+  double in[G], own[G];  // per pass: its input and its output at j - 1
+  double x = buf[0];
+#pragma GCC unroll 8
+  for (uint64_t g = 0; g < G; ++g) {
+    const double v = alpha * x + cdown[-static_cast<int64_t>(g)];
+    in[g] = x;
+    own[g] = v;
+    x = v;
+  }
+  buf[0] = x;
+  if (P == 0) return;
+  x = buf[1];
+#pragma GCC unroll 8
+  for (uint64_t g = 0; g < G; ++g) {
+    const double v = alpha * x + beta * in[g];
+    in[g] = x;
+    own[g] = v;
+    x = v;
+  }
+  buf[1] = x;
+  for (uint64_t j = 2; j <= P; ++j) {
+    x = buf[j];
+#pragma GCC unroll 8
+    for (uint64_t g = 0; g < G; ++g) {
+      const double v = alpha * (x - own[g]) + in[g];
+      in[g] = x;
+      own[g] = v;
+      x = v;
+    }
+    buf[j] = x;
+  }
 }
 
 // Warps r[0..m] into c[0..p] with a scratch of p+1 doubles: the free
@@ -155,18 +200,12 @@ int ccwarp(const double *c, uint32_t m, double *out, uint32_t p, double alpha, d
   const uint64_t P = p, M = m;
   for (uint64_t j = 0; j <= P; ++j) out[j] = 0.0;
   const double beta = 1.0 - alpha * alpha;
-  double *prev = out;
-  double *next = work;
-  for (uint64_t i = 0; i <= M; ++i) {
-    next[0] = alpha * prev[0] + c[M - i];
-    if (P >= 1) next[1] = alpha * prev[1] + beta * prev[0];
-    for (uint64_t j = 2; j <= P; ++j) next[j] = alpha * (prev[j] - next[j - 1]) + prev[j - 1];
-    double *t = prev;
-    prev = next;
-    next = t;
-  }
-  if (prev == work)
-    for (uint64_t j = 0; j <= P; ++j) out[j] = work[j];
+  // Pass i takes c[M - i]; passes run eight at a time, in place, so that the
+  // scratch the interface provides for is no longer needed.
+  (void)work;
+  uint64_t i = 0;
+  for (; i + kWarpPasses <= M + 1; i += kWarpPasses) warppasses<kWarpPasses>(out, P, c + (M - i), alpha, beta);
+  for (; i <= M; ++i) warppasses<1>(out, P, c + (M - i), alpha, beta);
   return 0;
 }
 
@@ -253,6 +292,11 @@ int getseemcep(const double *x, uint32_t n, double fs, uint32_t centre, double f
 
 int waveform2cc(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first, uint32_t nframes,
                 const double *f0, uint32_t p, double *cc, double alpha, uint8_t method) {
+  return waveform2ccthreads(x, n, fs, shift, first, nframes, f0, p, cc, alpha, method, 1);
+}
+
+int waveform2ccthreads(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first, uint32_t nframes,
+                       const double *f0, uint32_t p, double *cc, double alpha, uint8_t method, uint32_t threads) {
   if (nframes == 0) return 0;
   const uint64_t rowlen = static_cast<uint64_t>(p) + 1;
   if (!cc || rowlen * nframes > UINT32_MAX) return -1;  // beyond getccsize: nothing to clear
@@ -288,22 +332,54 @@ int waveform2cc(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t
   if (nfft <= pot2) nfft = pot2;
   if (!ispowerof2(nfft) || nfft > kMaxFft) return refuse();
 
-  CCMEM *area = ccmeminitialize(fs, fmin, F, nfft, method);
-  if (!area) return refuse();
-  double *buf = static_cast<double *>(std::malloc(2 * static_cast<size_t>(nfft) * sizeof(double)));
-  if (!buf) {
-    ccmemdestroy(area);
-    return refuse();
+  const uint32_t chunks = (nframes + kChunkFrames - 1) / kChunkFrames;
+  if (threads == 0) threads = 1;
+  if (threads > kMaxThreads) threads = kMaxThreads;
+  if (threads > chunks) threads = chunks;
+  // One work area and frame buffer per thread, all made before any frame is
+  // analysed.
+  CCMEM *areas[kMaxThreads] = {};
+  double *bufs[kMaxThreads] = {};
+  bool ready = true;
+  for (uint32_t t = 0; t < threads && ready; ++t) {
+    areas[t] = ccmeminitialize(fs, fmin, F, nfft, method);
+    bufs[t] = static_cast<double *>(std::malloc(2 * static_cast<size_t>(nfft) * sizeof(double)));
+    ready = areas[t] && bufs[t];
   }
-  int status = 0;
-  for (uint32_t k = 0; k < nframes && status == 0; ++k) {
-    const uint32_t centre = first + k * shift;
-    double *c = cc + rowlen * k;
-    status = framemethod(method)(x, n, fs, centre, f0[k], nfft, buf, p, c, alpha, area);
+  int status[kMaxThreads] = {};
+  if (ready) {
+    // Frames go to the threads in chunks, chunk j to thread j mod threads;
+    // every frame is analysed on its own, so the split does not matter.
+    auto run = [&](uint32_t t, CCMEM *area, double *buf) {
+      for (uint32_t j = t; j < chunks && status[t] == 0; j += threads) {
+        const uint32_t end = (nframes - j * kChunkFrames > kChunkFrames) ? (j + 1) * kChunkFrames : nframes;
+        for (uint32_t k = j * kChunkFrames; k < end && status[t] == 0; ++k) {
+          const uint32_t centre = first + k * shift;
+          double *c = cc + rowlen * k;
+          status[t] = framemethod(method)(x, n, fs, centre, f0[k], nfft, buf, p, c, alpha, area);
+        }
+      }
+    };
+    std::thread pool[kMaxThreads];
+    for (uint32_t t = 1; t < threads; ++t) {
+      try {
+        pool[t] = std::thread(run, t, areas[t], bufs[t]);
+      } catch (...) {
+      }
+    }
+    run(0, areas[0], bufs[0]);
+    for (uint32_t t = 1; t < threads; ++t)
+      if (!pool[t].joinable()) run(t, areas[0], bufs[0]);
+    for (uint32_t t = 1; t < threads; ++t)
+      if (pool[t].joinable()) pool[t].join();
   }
-  std::free(buf);
-  ccmemdestroy(area);
-  return status == 0 ? 0 : refuse();
+  bool failed = !ready;
+  for (uint32_t t = 0; t < threads; ++t) {
+    failed = failed || status[t] != 0;
+    std::free(bufs[t]);
+    if (areas[t]) ccmemdestroy(areas[t]);
+  }
+  return failed ? refuse() : 0;
 }
 
 }  // extern "C"

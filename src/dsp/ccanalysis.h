@@ -27,6 +27,12 @@ KESTREL_API uint32_t getwaveformlength(uint32_t shift, uint32_t nframes);
  * (output zeroed, cc untouched). */
 KESTREL_API int cc2waveform(double *output, uint32_t length, double fs, uint32_t shift, uint32_t nframes,
                             const double *f0, const double *fv, uint32_t order, double *cc, double alpha);
+/* cc2waveform with the frames shared among up to threads threads (0 or 1: the
+ * calling thread only); the same samples and cc, bit for bit, for every count.
+ * Work areas: one per thread (about (order+1)*(2*fs/f0min + fs/100) doubles). */
+KESTREL_API int cc2waveformthreads(double *output, uint32_t length, double fs, uint32_t shift, uint32_t nframes,
+                                   const double *f0, const double *fv, uint32_t order, double *cc, double alpha,
+                                   uint32_t threads);
 /* First-order all-pass frequency warping of angular frequency w. */
 KESTREL_API double fwarp(double w, double alpha);
 /* Cosine (and optionally sine) matrices, n rows of p+1, at harmonics (r+1)*f0
@@ -69,6 +75,13 @@ typedef struct CCMEM {
 KESTREL_API int waveform2cc(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,
                             uint32_t nframes, const double *f0, uint32_t p, double *cc, double alpha,
                             uint8_t method);
+/* waveform2cc with the frames shared among up to threads threads (0 or 1: the
+ * calling thread only), one work area each; the same cc, bit for bit, for
+ * every count. On a failed frame -1 as waveform2cc, but frames after it may
+ * have been written. */
+KESTREL_API int waveform2ccthreads(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,
+                                   uint32_t nframes, const double *f0, uint32_t p, double *cc, double alpha,
+                                   uint8_t method, uint32_t threads);
 /* New work area (NULL when the noise area cannot be made; harmonic stays NULL
  * when its area is refused, and voiced frames then take the noise spectrum). */
 KESTREL_API CCMEM *ccmeminitialize(double fs, double fmin, uint32_t framesize, uint32_t nfft, uint8_t method);

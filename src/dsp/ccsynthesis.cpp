@@ -14,11 +14,14 @@
 #include <cstdint>
 #include <cstdlib>
 #include <new>
+#include <thread>
 #include <vector>
 
 #include "ccanalysis.h"
+#include "dft.h"
 #include "harmonicanalysis.h"
 #include "matvect.h"
+#include "randgen.h"
 #include "spectralanalysis.h"
 #include "windowing.h"
 
@@ -133,6 +136,29 @@ void fillrows(uint32_t p, uint32_t r, double w, const double *freqs, double alph
   }
 }
 
+// gennoisefromlogspectrumr with the frame's draws taken in one batch and the
+// inverse FFT from a plan made once per utterance: the same operations on the
+// same values. draws holds nfft/2 - 1 values.
+void noiseframe(double *buf, uint32_t nfft, double fs, RANDGEN *state, int32_t *draws, const FFTPLAN *inverse) {
+  constexpr double kPhaseStep = 2.925836159896768e-09;  // 2*pi/2147483647
+  double *re = buf;
+  double *im = buf + nfft;
+  const uint32_t half = nfft / 2;
+  const double gain = std::sqrt(fs / static_cast<double>(nfft));
+  randgendraws(state, draws, half - 1);
+  re[0] = im[0] = 0.0;
+  re[half] = im[half] = 0.0;
+  for (uint32_t k = 1; k < half; ++k) {
+    const double m = std::exp(re[k]) * gain;
+    const double psi = static_cast<double>(draws[k - 1]) * kPhaseStep;
+    im[k] = std::sin(psi) * m;
+    re[k] = std::cos(psi) * m;
+    re[nfft - k] = re[k];
+    im[nfft - k] = -im[k];
+  }
+  fftplanr(inverse, re, im);
+}
+
 // Triangular overlap-add of a 2*shift frame starting at output sample start,
 // with olatriang's weights and arithmetic, dropping samples at or beyond limit.
 void olatriangclipped(double *out, const double *frame, uint64_t start, uint32_t shift, uint64_t limit) {
@@ -142,6 +168,118 @@ void olatriangclipped(double *out, const double *frame, uint64_t start, uint32_t
     out[start + i] += frame[i] * static_cast<double>(i) / d;
   for (uint32_t i = shift; i < span && start + i < limit; ++i)
     out[start + i] += frame[i] * static_cast<double>(span - i) / d;
+}
+
+// Utterance-wide settings and shared read-only tables of a synthesis.
+struct Utterance {
+  double fs, alpha, c0min, c0max;
+  uint32_t shift, order, p1, nhmax, nenv, nfft;
+  uint64_t nmat, total;
+  bool flatc0;
+  const double *fv;
+  const double *envm;     // envelope-grid cosine matrix
+  const FFTPLAN *inverse;
+};
+
+// What a frame takes from the frames before it, fixed by the serial pre-pass.
+struct FrameState {
+  RANDGEN noise;  // generator at the frame's first draw
+  double f;       // f0 after the range and fv checks (0: unvoiced)
+  double fvi;     // maximum voiced frequency (voiced frames)
+  double phi;     // phase of the fundamental at the frame centre
+};
+
+// One thread's work area.
+struct FrameWork {
+  std::vector<double> area;  // matrices, vectors and the FFT frame
+  std::vector<int32_t> draws;
+};
+
+constexpr uint32_t kMaxThreads = 256;
+constexpr uint64_t kBlockDoubles = uint64_t{1} << 20;  // segments per round, in doubles
+constexpr uint64_t kMaxBlockFrames = 512;
+
+// f0 of frame i after the range check and the fv test (fvi set when voiced);
+// c0 is read after its round trip through the noise gain, as the frame sees it.
+double voicing(const Utterance &u, uint32_t i, double f, const double *c, double *fvi) {
+  if (f > 0 && (f < kF0Floor || f > kF0Ceiling)) f = 0;
+  *fvi = 0.0;
+  if (f > 0) {
+    const double c0 = (c[0] + kNoiseGain) - kNoiseGain;
+    double v;
+    if (u.fv)
+      v = u.fv[i];
+    else
+      v = u.flatc0 ? kFvLoudest : (c0 - u.c0min) * kFvLoudest / (u.c0max - u.c0min);
+    if (v < kFvFloor) v = kFvFloor;
+    *fvi = v;
+    if (f >= v) f = 0;
+  }
+  return f;
+}
+
+// The 2*shift samples of frame i into seg.
+void synthframe(const Utterance &u, uint32_t i, double *cc, const FrameState &st, double *seg, FrameWork *w) {
+  double *hcos = w->area.data();
+  double *hsin = hcos + static_cast<uint64_t>(u.p1) * u.nhmax;
+  double *amps = hcos + u.nmat;
+  double *phases = amps + u.nhmax;
+  double *grid = phases + u.nhmax;
+  double *re = grid + u.nenv;
+  const uint32_t nbins = u.nfft / 2 - 1;  // nfft >= 2 since shift >= 1
+  const double dfbin = u.fs / static_cast<double>(u.nfft);
+  double *c = cc + static_cast<uint64_t>(i) * u.p1;
+  const double f = st.f;
+
+  c[0] += kNoiseGain;
+  matvec(u.envm, c, grid, u.nenv, u.p1);
+  c[0] -= kNoiseGain;
+  if (f > 0) applyhpfilterlog(u.nenv, kGridStep, grid, st.fvi);
+
+  resamplelogampenv(kGridStep, grid, u.nenv, dfbin, re + 1, nbins);
+  RANDGEN noise = st.noise;
+  noiseframe(re, u.nfft, u.fs, &noise, w->draws.data(), u.inverse);
+
+  if (f > 0) {
+    uint32_t nh = hanoharms(u.fs, st.fvi, f);
+    if (nh > u.nhmax) nh = u.nhmax;  // cannot happen for f >= f0min; keeps the arrays safe
+    ccmatrixcreate(u.order, nh, f, nullptr, u.fs, u.alpha, hcos, hsin);
+    matvec(hcos, c, amps, nh, u.p1);
+    const double gain = 2 * std::sqrt(f);
+    for (uint32_t k = 0; k < nh; ++k) amps[k] = std::exp(amps[k]) * gain;
+    applyantihpfilter(nh, f, amps, st.fvi);
+    matvec(hsin, c, phases, nh, u.p1);
+    applyexcphase(nh, f, u.fs, phases);
+    genharmonics(re, u.shift, u.shift, u.fs, f, nh, amps, phases, st.phi, 1);
+  }
+  for (uint32_t k = 0; k < 2 * u.shift; ++k) seg[k] = re[k];
+}
+
+// Frames b0 .. b0+nb-1 into their segments, frame b0+j on thread j mod threads
+// (the calling thread is thread 0; a thread that cannot be started leaves its
+// frames to the calling thread).
+void runframes(const Utterance &u, uint32_t b0, uint32_t nb, double *cc, const FrameState *states, double *segments,
+               FrameWork *work, uint32_t threads) {
+  const uint64_t twoshift = 2 * static_cast<uint64_t>(u.shift);
+  auto run = [&](uint32_t t, uint32_t step, FrameWork *w) {
+    for (uint32_t j = t; j < nb; j += step) synthframe(u, b0 + j, cc, states[j], segments + j * twoshift, w);
+  };
+  if (threads <= 1) {
+    run(0, 1, &work[0]);
+    return;
+  }
+  std::thread pool[kMaxThreads];
+  for (uint32_t t = 1; t < threads; ++t) {
+    try {
+      pool[t] = std::thread(run, t, threads, &work[t]);
+    } catch (...) {
+    }
+  }
+  run(0, threads, &work[0]);
+  for (uint32_t t = 1; t < threads; ++t)
+    if (!pool[t].joinable()) run(t, threads, &work[0]);
+  for (uint32_t t = 1; t < threads; ++t)
+    if (pool[t].joinable()) pool[t].join();
 }
 
 }  // namespace
@@ -204,6 +342,12 @@ int applyexcphase(uint32_t nh, double f0, double fs, double *phases) {
 
 int cc2waveform(double *output, uint32_t length, double fs, uint32_t shift, uint32_t nframes, const double *f0,
                 const double *fv, uint32_t order, double *cc, double alpha) {
+  return cc2waveformthreads(output, length, fs, shift, nframes, f0, fv, order, cc, alpha, 1);
+}
+
+int cc2waveformthreads(double *output, uint32_t length, double fs, uint32_t shift, uint32_t nframes,
+                       const double *f0, const double *fv, uint32_t order, double *cc, double alpha,
+                       uint32_t threads) {
   if (length > 0 && !output) return -1;
   for (uint32_t n = 0; n < length; ++n) output[n] = 0.0;
   if (nframes == 0) return 0;
@@ -225,9 +369,6 @@ int cc2waveform(double *output, uint32_t length, double fs, uint32_t shift, uint
       if (c0 < c0min) c0min = c0;
     }
   }
-  // Every voiced frame sharing the utterance's lowest c0 leaves the fv formula
-  // without a scale: those utterances use the loudest-frame fv throughout.
-  const bool flatc0 = (c0max == c0min);
 
   // Frames from this one on lie wholly beyond the output (or have no span):
   // they only get their c0 round trip, which callers can observe.
@@ -240,91 +381,93 @@ int cc2waveform(double *output, uint32_t length, double fs, uint32_t shift, uint
   }
 
   if (nsynth > 0) {
-    const uint32_t nhmax = hanoharms(fs, fs, f0min);
-    const uint32_t nenv = hanoharms(fs, fs, kGridStep);
+    Utterance u{};
+    u.fs = fs;
+    u.shift = shift;
+    u.alpha = alpha;
+    u.order = order;
+    u.p1 = static_cast<uint32_t>(p1);
+    u.fv = fv;
+    u.c0min = c0min;
+    u.c0max = c0max;
+    // Every voiced frame sharing the utterance's lowest c0 leaves the fv
+    // formula without a scale: those utterances use the loudest-frame fv.
+    u.flatc0 = (c0max == c0min);
+    u.nhmax = hanoharms(fs, fs, f0min);
+    u.nenv = hanoharms(fs, fs, kGridStep);
     const uint64_t twoshift = 2 * static_cast<uint64_t>(shift);
-    const uint64_t rows = 2 * static_cast<uint64_t>(nhmax) + nenv;
+    const uint64_t rows = 2 * static_cast<uint64_t>(u.nhmax) + u.nenv;
     if (twoshift > kMaxWorkDoubles || rows > kMaxWorkDoubles) return -1;
-    const uint32_t nfft = getwinlengthceilpot2(static_cast<uint32_t>(twoshift));
-    const uint64_t nmat = p1 * rows;
-    const uint64_t total = nmat + rows + 2 * static_cast<uint64_t>(nfft);
-    if (nmat > kMaxWorkDoubles || total > kMaxWorkDoubles) return -1;
+    u.nfft = getwinlengthceilpot2(static_cast<uint32_t>(twoshift));
+    u.nmat = p1 * rows;
+    u.total = u.nmat + rows + 2 * static_cast<uint64_t>(u.nfft);
+    if (u.nmat > kMaxWorkDoubles || u.total > kMaxWorkDoubles) return -1;
+    if (threads == 0) threads = 1;
+    if (threads > kMaxThreads) threads = kMaxThreads;
+    if (threads > nsynth) threads = nsynth;
+    // Frames synthesised per round: enough to keep every thread busy, few
+    // enough that their segments stay small.
+    uint64_t block = kBlockDoubles / twoshift;
+    if (block > kMaxBlockFrames) block = kMaxBlockFrames;
+    if (block < threads) block = threads;
+    if (block > nsynth) block = nsynth;
 
-    std::vector<double> work;
+    std::vector<double> envm, segments;
+    std::vector<FrameWork> work;
+    std::vector<FrameState> states;
     try {
-      work.assign(static_cast<size_t>(total), 0.0);
+      envm.assign(static_cast<size_t>(p1 * u.nenv), 0.0);
+      segments.assign(static_cast<size_t>(block * twoshift), 0.0);
+      states.resize(static_cast<size_t>(block));
+      work.resize(threads);
+      for (FrameWork &w : work) {
+        w.area.assign(static_cast<size_t>(u.total), 0.0);
+        w.draws.assign(u.nfft / 2, 0);
+      }
     } catch (const std::bad_alloc &) {
       return -1;
     }
-    // Matrix block: harmonic cosines, harmonic sines, envelope-grid cosines;
-    // vector block: amplitudes, phases, grid log amplitudes; then the frame.
-    double *hcos = work.data();
-    double *hsin = hcos + p1 * nhmax;
-    double *envm = hsin + p1 * nhmax;
-    double *amps = hcos + nmat;
-    double *phases = amps + nhmax;
-    double *grid = phases + nhmax;
-    double *re = grid + nenv;
-    const uint32_t p1n = static_cast<uint32_t>(p1);
-    const uint32_t nbins = nfft / 2 - 1;  // nfft >= 2 since shift >= 1
-    const double dfbin = fs / static_cast<double>(nfft);
+    FFTPLAN *inverse = fftplancreate(static_cast<int32_t>(u.nfft), -1);
+    if (!inverse) return -1;
+    u.inverse = inverse;
+    u.envm = envm.data();
+    ccmatrixcreate(order, u.nenv, kGridStep, nullptr, fs, alpha, envm.data(), nullptr);
 
-    ccmatrixcreate(order, nenv, kGridStep, nullptr, fs, alpha, envm, nullptr);
+    // The serial pre-pass fixes what a frame takes from the ones before it
+    // (the generator's state and the harmonic phase); the frames of a block
+    // are then independent, and their segments are overlap-added in order.
     RANDGEN noise;
     randgenseed(&noise, 0);
-    double phi = 0.0;
-    double f0prev = 0.0;
-
-    for (uint32_t i = 0; i < nsynth; ++i) {
-      double *c = cc + i * p1;
-      const uint64_t start = static_cast<uint64_t>(i) * shift;
-      double f = f0[i];
-      if (f > 0 && (f < kF0Floor || f > kF0Ceiling)) f = 0;
-
-      c[0] += kNoiseGain;
-      matvec(envm, c, grid, nenv, p1n);
-      c[0] -= kNoiseGain;
-
-      double fvi = 0.0;
-      if (f > 0) {
-        if (fv)
-          fvi = fv[i];
-        else
-          fvi = flatc0 ? kFvLoudest : (c[0] - c0min) * kFvLoudest / (c0max - c0min);
-        if (fvi < kFvFloor) fvi = kFvFloor;
-        if (f >= fvi)
-          f = 0;
-        else
-          applyhpfilterlog(nenv, kGridStep, grid, fvi);
+    double phi = 0.0, f0prev = 0.0;
+    const uint32_t nbins = u.nfft / 2 - 1;
+    for (uint32_t b0 = 0; b0 < nsynth; b0 += static_cast<uint32_t>(block)) {
+      const uint32_t nb = (nsynth - b0 < block) ? nsynth - b0 : static_cast<uint32_t>(block);
+      for (uint32_t j = 0; j < nb; ++j) {
+        FrameState &st = states[j];
+        st.noise = noise;
+        randgendraws(&noise, work[0].draws.data(), nbins);
+        st.f = voicing(u, b0 + j, f0[b0 + j], cc + (b0 + j) * p1, &st.fvi);
+        if (st.f > 0) {
+          if (f0prev > 0)
+            phi = phi + kPi * (st.f + f0prev) * static_cast<double>(shift) / fs;
+          else
+            phi = 0.0;
+        }
+        st.phi = phi;
+        f0prev = st.f;
       }
-
-      resamplelogampenv(kGridStep, grid, nenv, dfbin, re + 1, nbins);
-      gennoisefromlogspectrumr(re, nfft, fs, &noise);
-
-      if (f > 0) {
-        uint32_t nh = hanoharms(fs, fvi, f);
-        if (nh > nhmax) nh = nhmax;  // cannot happen for f >= f0min; keeps the arrays safe
-        ccmatrixcreate(order, nh, f, nullptr, fs, alpha, hcos, hsin);
-        matvec(hcos, c, amps, nh, p1n);
-        const double gain = 2 * std::sqrt(f);
-        for (uint32_t k = 0; k < nh; ++k) amps[k] = std::exp(amps[k]) * gain;
-        applyantihpfilter(nh, f, amps, fvi);
-        matvec(hsin, c, phases, nh, p1n);
-        if (f0prev > 0)
-          phi = phi + kPi * (f + f0prev) * static_cast<double>(shift) / fs;
+      runframes(u, b0, nb, cc, states.data(), segments.data(), work.data(), threads);
+      for (uint32_t j = 0; j < nb; ++j) {
+        const uint64_t start = static_cast<uint64_t>(b0 + j) * shift;
+        const double *seg = segments.data() + j * twoshift;
+        if (start + twoshift <= length)
+          olatriang(output, seg, static_cast<uint32_t>(start), static_cast<uint32_t>(start + shift),
+                    static_cast<uint32_t>(start + twoshift));
         else
-          phi = 0.0;
-        applyexcphase(nh, f, fs, phases);
-        genharmonics(re, shift, shift, fs, f, nh, amps, phases, phi, 1);
+          olatriangclipped(output, seg, start, shift, length);
       }
-
-      if (start + twoshift <= length)
-        olatriang(output, re, static_cast<uint32_t>(start), static_cast<uint32_t>(start + shift),
-                  static_cast<uint32_t>(start + twoshift));
-      else
-        olatriangclipped(output, re, start, shift, length);
-      f0prev = f;
     }
+    fftplanfree(inverse);
   }
 
   for (uint32_t i = nsynth; i < nframes; ++i) {

@@ -230,10 +230,13 @@ bool choleskysolve(double *G, double *b, uint32_t n, double ridge) {
       }
     }
   }
-  for (uint32_t i = 0; i < n; ++i) {
-    double t = b[i];
-    for (uint32_t k = 0; k < i; ++k) t -= G[static_cast<uint64_t>(k) * n + i] * b[k];
-    b[i] = t / G[static_cast<uint64_t>(i) * n + i];
+  // Forward substitution by rows of U: once x[k] is known it is taken off every
+  // later right-hand side, so each one still loses its terms in ascending k.
+  for (uint32_t k = 0; k < n; ++k) {
+    const double *Uk = G + static_cast<uint64_t>(k) * n;
+    const double xk = b[k] / Uk[k];
+    b[k] = xk;
+    for (uint32_t i = k + 1; i < n; ++i) b[i] -= Uk[i] * xk;
   }
   for (uint32_t i = n; i-- > 0;) {
     const double *Ui = G + static_cast<uint64_t>(i) * n;
@@ -246,6 +249,52 @@ bool choleskysolve(double *G, double *b, uint32_t n, double ridge) {
   return true;
 }
 
+#if defined(__GNUC__)
+// fitharmonic's sums over the window samples n0 .. n0+3: their rotations run
+// side by side in SSE2 lanes, and every sum still takes its terms in
+// ascending n, so the sums equal the sample-by-sample loop bit for bit.
+void harmonicsums4(const Frame &fr, const double *w2, double w0, uint32_t n0, uint32_t H, double *W, double *rc,
+                   double *rs) {
+  double gw[4], xe[4], xo[4], c1[4], s1[4];
+  for (uint32_t j = 0; j < 4; ++j) {
+    const uint32_t n = n0 + j;
+    const double xp = fr.sample(n), xm = fr.sample(-static_cast<int64_t>(n));
+    const double g = w2[n];
+    gw[j] = (n == 0) ? g : 2.0 * g;
+    xe[j] = g * ((n == 0) ? xp : xp + xm);
+    xo[j] = g * (xp - xm);
+    const double th = w0 * static_cast<double>(n);
+    c1[j] = std::cos(th);
+    s1[j] = std::sin(th);
+  }
+  const v2d gwa = {gw[0], gw[1]}, gwb = {gw[2], gw[3]}, xea = {xe[0], xe[1]}, xeb = {xe[2], xe[3]};
+  const v2d xoa = {xo[0], xo[1]}, xob = {xo[2], xo[3]};
+  const v2d c1a = {c1[0], c1[1]}, c1b = {c1[2], c1[3]}, s1a = {s1[0], s1[1]}, s1b = {s1[2], s1[3]};
+  v2d ca = {1.0, 1.0}, cb = ca, sa = {0.0, 0.0}, sb = sa;
+  uint32_t m = 0;
+  for (; m <= H; ++m) {
+    const v2d wa = gwa * ca, wb = gwb * cb, ea = xea * ca, eb = xeb * cb, oa = xoa * sa, ob = xob * sb;
+    W[m] = (((W[m] + wa[0]) + wa[1]) + wb[0]) + wb[1];
+    rc[m] = (((rc[m] + ea[0]) + ea[1]) + eb[0]) + eb[1];
+    rs[m] = (((rs[m] + oa[0]) + oa[1]) + ob[0]) + ob[1];
+    const v2d nca = ca * c1a - sa * s1a, ncb = cb * c1b - sb * s1b;
+    sa = sa * c1a + ca * s1a;
+    sb = sb * c1b + cb * s1b;
+    ca = nca;
+    cb = ncb;
+  }
+  for (; m <= 2 * H; ++m) {
+    const v2d wa = gwa * ca, wb = gwb * cb;
+    W[m] = (((W[m] + wa[0]) + wa[1]) + wb[0]) + wb[1];
+    const v2d nca = ca * c1a - sa * s1a, ncb = cb * c1b - sb * s1b;
+    sa = sa * c1a + ca * s1a;
+    sb = sb * c1b + cb * s1b;
+    ca = nca;
+    cb = ncb;
+  }
+}
+#endif
+
 // Harmonic least squares at k*w0, k = 0..H. On success rc[0..H] holds
 // (a0, A_1..A_H) and rs[1..H] holds B_1..B_H.
 bool fitharmonic(const Frame &fr, const double *w2, double w0, uint32_t H, HAMEM *a, double **rcout,
@@ -256,7 +305,11 @@ bool fitharmonic(const Frame &fr, const double *w2, double w0, uint32_t H, HAMEM
   double *rs = rc + (H + 1);        // rs[1..H] used, rs[0] unused
   for (uint32_t m = 0; m <= 2 * H; ++m) W[m] = 0.0;
   for (uint32_t k = 0; k <= H; ++k) rc[k] = rs[k] = 0.0;
-  for (uint32_t n = 0; n <= h; ++n) {
+  uint32_t n = 0;
+#if defined(__GNUC__)
+  for (; n + 4 <= h + 1; n += 4) harmonicsums4(fr, w2, w0, n, H, W, rc, rs);
+#endif
+  for (; n <= h; ++n) {
     const double xp = fr.sample(n), xm = fr.sample(-static_cast<int64_t>(n));
     const double g = w2[n];
     const double gw = (n == 0) ? g : 2.0 * g;

@@ -44,4 +44,18 @@ int32_t randgendraw(RANDGEN *s) {
   return static_cast<int32_t>(v >> 1);
 }
 
+void randgendraws(RANDGEN *s, int32_t *out, uint32_t count) {
+  uint32_t *r = s->r;
+  uint32_t front = s->front, rear = s->rear;
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint32_t v = r[front] + r[rear];
+    r[front] = v;
+    out[i] = static_cast<int32_t>(v >> 1);
+    front = front + 1 == kWords ? 0 : front + 1;
+    rear = rear + 1 == kWords ? 0 : rear + 1;
+  }
+  s->front = front;
+  s->rear = rear;
+}
+
 }  // extern "C"

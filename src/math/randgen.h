@@ -26,6 +26,9 @@ typedef struct RANDGEN {
 KESTREL_API int randgenseed(RANDGEN *state, uint32_t seed);
 /* Next value in 0 .. RANDGEN_MAX. */
 KESTREL_API int32_t randgendraw(RANDGEN *state);
+/* The next count values into out[0..count), caller-owned; the same as count
+ * calls of randgendraw, without the per-call cost. */
+KESTREL_API void randgendraws(RANDGEN *state, int32_t *out, uint32_t count);
 
 KESTREL_END_C
 #endif

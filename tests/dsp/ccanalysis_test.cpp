@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <complex>
 #include <cstdint>
 #include <random>
@@ -53,6 +54,34 @@ TEST(CcWarp, PreservesTheSpectrumAtWarpedFrequencies) {
       for (int j = 1; j < 64; ++j)
         EXPECT_LT(std::abs(spectrum(out, warpfreq(kPi * j / 64.0, alpha)) - spectrum(c, kPi * j / 64.0)), 1e-11) << j;
     }
+}
+
+TEST(CcWarp, GivesThePlainRecursionsBitsForAnyPassCount) {
+  // The recursion one pass at a time, alternating two buffers; ccwarp runs
+  // several passes together, so pass counts around multiples of that matter.
+  auto plain = [](const std::vector<double> &c, uint32_t p, double alpha) {
+    const double beta = 1.0 - alpha * alpha;
+    std::vector<double> prev(p + 1, 0.0), next(p + 1);
+    for (size_t i = c.size(); i-- > 0;) {
+      next[0] = alpha * prev[0] + c[i];
+      if (p >= 1) next[1] = alpha * prev[1] + beta * prev[0];
+      for (uint32_t j = 2; j <= p; ++j) next[j] = alpha * (prev[j] - next[j - 1]) + prev[j - 1];
+      std::swap(prev, next);
+    }
+    return prev;
+  };
+  std::mt19937_64 gen(5);
+  std::uniform_real_distribution<double> u(-3.0, 3.0);
+  for (uint32_t m : {0u, 1u, 2u, 3u, 4u, 5u, 7u, 8u, 9u, 256u, 511u})
+    for (uint32_t p : {0u, 1u, 2u, 3u, 39u, 300u})
+      for (double alpha : {0.42, -0.77}) {
+        std::vector<double> c(m + 1), out(p + 1, 9.0), work(p + 1);
+        for (double &v : c) v = u(gen);
+        ASSERT_EQ(ccwarp(c.data(), m, out.data(), p, alpha, work.data()), 0);
+        const std::vector<double> expected = plain(c, p, alpha);
+        ASSERT_EQ(0, std::memcmp(out.data(), expected.data(), (p + 1) * sizeof(double)))
+            << "m " << m << " p " << p << " alpha " << alpha;
+      }
 }
 
 TEST(CcWarp, ClosedFormsAndTheUnwarpedShortcut) {
@@ -139,6 +168,25 @@ TEST(Waveform2cc, MatchesPerFrameCallsWithTheDesignedFrameSizes) {
       }
       ccmemdestroy(area);
     }
+}
+
+TEST(Waveform2cc, EveryThreadCountGivesTheSameBits) {
+  // 45 frames, voiced and unvoiced, in chunks that do not divide evenly among the threads.
+  std::mt19937_64 gen(8);
+  std::normal_distribution<double> g(0.0, 0.1);
+  const uint32_t n = 8000, p = 24, nframes = 45;
+  std::vector<double> x(n), f0(nframes);
+  for (uint32_t i = 0; i < n; ++i) x[i] = 0.3 * std::sin(2 * kPi * (120.0 + i / 100.0) * i / kFs) + g(gen);
+  for (uint32_t k = 0; k < nframes; ++k) f0[k] = (k % 7 == 3) ? 0.0 : 110.0 + 3.0 * k;
+  for (uint8_t method = 0; method <= 4; ++method) {
+    std::vector<double> want(getccsize(nframes, p));
+    ASSERT_EQ(waveform2cc(x.data(), n, kFs, 160, 200, nframes, f0.data(), p, want.data(), 0.42, method), 0);
+    for (uint32_t threads : {0u, 2u, 3u, 9u}) {
+      std::vector<double> cc(want.size(), 7.0);
+      ASSERT_EQ(waveform2ccthreads(x.data(), n, kFs, 160, 200, nframes, f0.data(), p, cc.data(), 0.42, method, threads), 0);
+      EXPECT_EQ(0, std::memcmp(cc.data(), want.data(), want.size() * sizeof(double))) << int(method) << " " << threads;
+    }
+  }
 }
 
 TEST(Waveform2cc, HarmonicSignalOfFlatSpectrumReadsItsDensity) {

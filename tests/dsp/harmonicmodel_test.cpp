@@ -8,6 +8,8 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstring>
+#include <algorithm>
 #include <random>
 #include <vector>
 
@@ -86,6 +88,82 @@ TEST(HarmonicModel, RecoversAmplitudesAndCentrePhasesAndRefusesUnusableFrames) {
   EXPECT_EQ(hameminitialize(NAN, kFs, 60.0), nullptr);
   EXPECT_EQ(hameminitialize(-1.0, kFs, 60.0), nullptr);
   EXPECT_EQ(qhameminitialize(kFs, NAN, 60.0), nullptr);
+}
+
+// getharmonics evaluated sample by sample: weights, sums, normal matrices,
+// right-looking Cholesky and both substitutions row by row, in the documented
+// order of operations (2.5 periods, ridge 1e-9 W0). Returns false if refused.
+bool plainharmonics(const std::vector<double> &x, int64_t centre, double f0, uint32_t H, double *amps, double *phases) {
+  const uint32_t h = getwinlengthnperiodsodd(2.5, f0, kFs) / 2;
+  const double step = kPi / h, c1 = std::cos(step), s1 = std::sin(step), w0 = 2 * kPi * f0 / kFs;
+  auto at = [&](int64_t i) { return (i >= 0 && i < static_cast<int64_t>(x.size())) ? x[i] : 0.0; };
+  std::vector<double> W(2 * H + 1, 0.0), r[2] = {std::vector<double>(H + 1, 0.0), std::vector<double>(H + 1, 0.0)};
+  double wc = 1.0, ws = 0.0;
+  for (uint32_t n = 0; n <= h; ++n) {
+    const double wn = 0.54 + 0.46 * wc, g = wn * wn, nc = wc * c1 - ws * s1;
+    ws = ws * c1 + wc * s1, wc = nc;
+    const double xp = at(centre + n), xm = at(centre - static_cast<int64_t>(n));
+    const double gw = n == 0 ? g : 2.0 * g, xe = g * (n == 0 ? xp : xp + xm), xo = g * (xp - xm);
+    const double th = w0 * n, ct = std::cos(th), st = std::sin(th);
+    double c = 1.0, s = 0.0;
+    for (uint32_t m = 0; m <= 2 * H; ++m) {
+      W[m] += gw * c;
+      if (m <= H) r[0][m] += xe * c, r[1][m] += xo * s;
+      const double c2 = c * ct - s * st;
+      s = s * ct + c * st, c = c2;
+    }
+  }
+  for (int sine = 0; sine < 2; ++sine) {
+    const uint32_t N = H + 1 - sine;  // cosines k = 0..H, sines k = 1..H
+    std::vector<double> G(N * N), b(r[sine].begin() + sine, r[sine].end());
+    for (uint32_t k = 0; k < N; ++k)
+      for (uint32_t l = 0; l <= k; ++l)
+        G[l * N + k] = 0.5 * (sine ? W[k - l] - W[k + l + 2] : W[k - l] + W[k + l]);
+    for (uint32_t i = 0; i < N; ++i) G[i * N + i] += 1e-9 * W[0];
+    for (uint32_t j = 0; j < N; ++j) {
+      if (!(G[j * N + j] > 0.0)) return false;
+      const double d = std::sqrt(G[j * N + j]);
+      G[j * N + j] = d;
+      for (uint32_t i = j + 1; i < N; ++i) G[j * N + i] /= d;
+      for (uint32_t i = j + 1; i < N; ++i)
+        for (uint32_t l = i; l < N; ++l) G[i * N + l] -= G[j * N + i] * G[j * N + l];
+    }
+    for (uint32_t i = 0; i < N; ++i) {
+      double t = b[i];
+      for (uint32_t k = 0; k < i; ++k) t -= G[k * N + i] * b[k];
+      b[i] = t / G[i * N + i];
+    }
+    for (uint32_t i = N; i-- > 0;) {
+      double t = b[i];
+      for (uint32_t k = i + 1; k < N; ++k) t -= G[i * N + k] * b[k];
+      b[i] = t / G[i * N + i];
+    }
+    std::copy(b.begin(), b.end(), r[sine].begin() + sine);
+  }
+  for (uint32_t k = 1; k <= H; ++k) {
+    amps[k - 1] = std::sqrt(r[0][k] * r[0][k] + r[1][k] * r[1][k]);
+    phases[k - 1] = std::atan2(-r[1][k], r[0][k]);
+  }
+  return true;
+}
+
+TEST(HarmonicModel, GivesThePlainEvaluationsBitsWithinAndAtTheEdges) {
+  // Window half-lengths of every residue modulo 4, harmonic counts from 1 to
+  // the most, frames inside the signal and hanging over either end.
+  HAMEM *area = hameminitialize(kFs, kFs, 60.0);
+  ASSERT_NE(area, nullptr);
+  const Series s = makeseries(140.0, 50, 4000, 9);
+  const struct { double f0; uint32_t H, centre; } cases[] = {
+      {60.0, 133, 2000}, {61.7, 5, 2000}, {99.0, 1, 1500}, {140.0, 57, 40},
+      {140.3, 20, 3990}, {211.0, 37, 2500}, {333.3, 23, 0}, {480.0, 16, 3333}};
+  for (const auto &c : cases) {
+    std::vector<double> a(c.H), p(c.H), ea(c.H), ep(c.H);
+    ASSERT_TRUE(plainharmonics(s.x, c.centre, c.f0, c.H, ea.data(), ep.data())) << c.f0;
+    ASSERT_EQ(getharmonics(s.x.data(), 4000, kFs, c.centre, c.f0, c.H, a.data(), p.data(), area), 0) << c.f0;
+    EXPECT_EQ(0, std::memcmp(a.data(), ea.data(), c.H * sizeof(double))) << c.f0;
+    EXPECT_EQ(0, std::memcmp(p.data(), ep.data(), c.H * sizeof(double))) << c.f0;
+  }
+  hamemdestroy(area);
 }
 
 TEST(QuasiHarmonicModel, CorrectsEachHarmonicFromAWrongStart) {

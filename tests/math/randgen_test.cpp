@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <vector>
 
 #include "randgen.h"
 
@@ -22,6 +23,19 @@ TEST(Randgen, SameSequenceAsTheCLibraryForManySeeds) {
     EXPECT_EQ(i, draws) << "seed " << seed << " departs at draw " << i;
   }
   EXPECT_EQ(randgenseed(nullptr, 1), -1);
+}
+
+TEST(Randgen, BatchDrawsContinueTheSameSequence) {
+  // Batches of every size around the table length, interleaved with single draws.
+  RANDGEN a, b;
+  randgenseed(&a, 3);
+  randgenseed(&b, 3);
+  std::vector<int32_t> got(70);
+  for (uint32_t count : {0u, 1u, 2u, 30u, 31u, 32u, 61u, 62u, 70u}) {
+    randgendraws(&a, got.data(), count);
+    for (uint32_t i = 0; i < count; ++i) ASSERT_EQ(got[i], randgendraw(&b)) << count << " " << i;
+    ASSERT_EQ(randgendraw(&a), randgendraw(&b));
+  }
 }
 
 TEST(Randgen, ACopiedStateContinuesTheSameSequence) {
