@@ -9,8 +9,8 @@
 #   scripts/fuzz.sh 200000       longer run; new inputs accumulate in build-fuzz/corpus/
 #   KESTREL_FUZZ_SECONDS=1800 scripts/fuzz.sh   each target for half an hour, random seeds
 #
-# The two whole-program targets (kestrelsyn_fuzz, kestrelana_fuzz) are slower
-# per input and run a tenth and a fortieth of the executions.
+# The slower targets run fewer executions: cc2waveform_fuzz a half,
+# kestrelsyn_fuzz a tenth and kestrelana_fuzz an eightieth.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 runs=${1:-4000}
@@ -30,8 +30,9 @@ for t in "${targets[@]}"; do
   seeds=tests/fuzz/corpus/${t%_fuzz}
   [ -x "$exe" ] || { echo "$t: not built (kestrelana needs libsndfile and libsoxr)"; continue; }
   case $t in
+    cc2waveform_fuzz) n=$(( (runs + 1) / 2 )); maxlen=4096 ;;
     kestrelsyn_fuzz) n=$(( (runs + 9) / 10 )); maxlen=4096 ;;
-    kestrelana_fuzz) n=$(( (runs + 39) / 40 )); maxlen=16384 ;;
+    kestrelana_fuzz) n=$(( (runs + 79) / 80 )); maxlen=16384 ;;
     *) n=$runs; maxlen=4096 ;;
   esac
   corpus=build-fuzz/corpus/${t%_fuzz}

@@ -11,17 +11,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 namespace kestrelfuzz {
 
-// A directory of this process, made once and kept for the whole run.
+// A directory of this process, made once, kept for the whole run and removed at exit.
 inline const std::string &scratchdir() {
   static const std::string dir = [] {
     std::string t = "/tmp/kestrel_fuzz_XXXXXX";
     if (!mkdtemp(&t[0])) std::abort();
     return t;
   }();
+  static const bool cleanup = std::atexit([] { std::filesystem::remove_all(scratchdir()); }) == 0;
+  (void)cleanup;
   return dir;
 }
 
