@@ -111,6 +111,7 @@ bool readbatchoptions(uint32_t n, char **opts, BatchOptions *b, std::string *err
   b->featdir = searchstringparam(n, opts, "featdir");
   b->failed = searchstringparam(n, opts, "failed");
   const char *jobs = searchstringparam(n, opts, "jobs");
+  const char *threads = searchstringparam(n, opts, "threads");
   const char *shard = searchstringparam(n, opts, "shard");
   b->skipexisting = searchflag(n, opts, "skip-existing");
   if (searchflag(n, opts, "progress")) b->progress = 1;
@@ -126,6 +127,13 @@ bool readbatchoptions(uint32_t n, char **opts, BatchOptions *b, std::string *err
       return false;
     }
     if (b->jobs == 0) b->jobs = std::max(1u, std::thread::hardware_concurrency());
+  }
+  if (threads) {
+    if (!parsecount(threads, kMaxJobs, &b->threads)) {
+      *error = std::string("Error: --threads=") + threads + " is not a thread count (0 = all cores, at most 1024).";
+      return false;
+    }
+    if (b->threads == 0) b->threads = std::max(1u, std::thread::hardware_concurrency());
   }
   if (shard) {
     const char *slash = std::strchr(shard, '/');

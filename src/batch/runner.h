@@ -47,13 +47,14 @@ struct BatchOptions {
   const char *featdir = nullptr;
   const char *failed = nullptr;
   uint32_t jobs = 1;         // 0 asked for: all cores (resolved here)
+  uint32_t threads = 1;      // threads inside one utterance (--threads; any mode)
   uint32_t shardk = 1, shardn = 1;
   bool skipexisting = false;
   int progress = -1;         // -1: when standard error is a terminal
   bool anyset = false;       // some list-mode option other than --list was given
 };
 
-// Reads (and marks as read) the list-mode options among the n options. On a
+// Reads (and marks as read) the list-mode options and --threads among the n options. On a
 // malformed value returns false with the "Error: ..." text in *error.
 bool readbatchoptions(uint32_t n, char **opts, BatchOptions *b, std::string *error);
 

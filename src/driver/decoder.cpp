@@ -70,7 +70,7 @@ int decodeutterance(const DecoderSettings &s, uint32_t nframes, double *logf0, d
   if (s.fpfilt != 0.0) applycpostfilt16k042(cc, order, nframes, s.fpfilt, nullptr);
   if (s.floud != 0.0) applycloudfilt16k042(cc, order, nframes, s.floud);
   logf02f0(nframes, logf0);
-  return cc2waveform(wave, nsamples, kDecoderFs, s.shift, nframes, logf0, fv, order, cc, s.alpha);
+  return cc2waveformthreads(wave, nsamples, kDecoderFs, s.shift, nframes, logf0, fv, order, cc, s.alpha, s.threads);
 }
 
 int8_t normaliseflag(int32_t wavnorm) {

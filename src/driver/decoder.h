@@ -29,6 +29,7 @@ struct DecoderSettings {
   int32_t wavnorm = 0;
   int32_t htsscale = 1;
   uint32_t shift = 80;  // frame shift after the duration factor (set by settledecoder)
+  uint32_t threads = 1;  // synthesis threads inside the utterance (same bits for any count)
 };
 
 // Turns the options as given into the ones used: the enhancement filters are

@@ -368,6 +368,7 @@ int main(int argc, char **argv) {
     return kExitArgumentError;
   }
 
+  s.decoder.threads = s.batch.threads;
   const double alphagiven = s.decoder.alpha;
   bool alphadropped = false;
   const bool shiftok = kestrel_driver::settledecoder(&s.decoder, &alphadropped);
