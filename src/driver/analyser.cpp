@@ -45,14 +45,14 @@ AnalysisStatus analyserecording(const double *x, uint32_t n, const AnalyserSetti
 
   out->nframes = nframes;
   std::vector<double> &f0 = out->logf0;
-  f0.assign(nframes, 0.0);
-  out->cc.assign(static_cast<size_t>(ncc), 0.0);
+  f0 = std::vector<double>(nframes);
+  out->cc = std::vector<double>(static_cast<size_t>(ncc));
   out->fv.clear();
   getpitch(x, n, kAnalysisFs, shift, shift, nframes, s.f0min, s.f0max, f0.data());
   if (s.refine)
     refinepitch(x, n, kAnalysisFs, shift, shift, nframes, s.f0min, s.f0max, kRefineIterations, f0.data(), nullptr);
   if (withfv) {
-    out->fv.assign(nframes, 0.0);
+    out->fv = std::vector<double>(nframes);
     getfvoicing(x, n, kAnalysisFs, shift, shift, nframes, f0.data(), out->fv.data());
   }
   if (waveform2cc(x, n, kAnalysisFs, shift, shift, nframes, f0.data(), order, out->cc.data(), s.alpha, s.method) != 0)
