@@ -74,7 +74,8 @@ def plot(x, features: Features, path: str, resynthesis: Optional[np.ndarray] = N
         right.set_ylim(0, f0max)
         right.set_ylabel("f0 (Hz)", color="#3a7d00")
         right.tick_params(axis="y", colors="#3a7d00")
-        ax.legend(handles=handles, loc="upper right", fontsize=9, framealpha=0.85)
+        ax.legend(handles=handles, loc="lower right", bbox_to_anchor=(1.0, 1.0), ncol=2, fontsize=9,
+                  frameon=False, borderaxespad=0.2)
         fig.colorbar(mesh, ax=[ax, right], label="level (dB re. loudest)", pad=0.01, fraction=0.04)
     axes[-1, 0].set_xlabel("time (s)")
     axes[-1, 0].set_xlim(0, max(specs[0][1][-1], t[-1] if len(t) else 0.0))
