@@ -369,8 +369,13 @@ PYBIND11_MODULE(_kestrel, m) {
   m.def("logf02f0", [](Array lf0) {
     const uint32_t n = count32(static_cast<size_t>(lf0.size()), "lf0");
     py::array_t<double> f0 = newarray(n);
-    std::memcpy(f0.mutable_data(), lf0.data(), n * sizeof(double));
-    logf02f0(n, f0.mutable_data());
+    const double *in = lf0.data();
+    double *out = f0.mutable_data();
+    {
+      py::gil_scoped_release release;
+      std::memcpy(out, in, n * sizeof(double));
+      logf02f0(n, out);
+    }
     return f0;
   });
 }
