@@ -1,6 +1,7 @@
 """Shared fixtures: the bundled recordings and the two commands of the build under test."""
 import os
 import subprocess
+import sys
 
 import pytest
 
@@ -8,6 +9,11 @@ SOURCE_DIR = os.environ.get("KESTREL_SOURCE_DIR", os.path.join(os.path.dirname(_
 BINARY_DIR = os.environ.get("KESTREL_BINARY_DIR", os.path.join(SOURCE_DIR, "build"))
 SPEECH = os.path.join(SOURCE_DIR, "examples", "speech")
 RECORDINGS = sorted(f[:-4] for f in os.listdir(SPEECH) if f.endswith(".wav"))
+# Run by hand after the README's build (python3 -m pytest tests/python), the package is the
+# build tree's unless PYTHONPATH names another.
+if not os.environ.get("PYTHONPATH"):
+    os.environ["PYTHONPATH"] = os.path.join(BINARY_DIR, "python")  # for the commands run in tests too
+    sys.path.insert(0, os.environ["PYTHONPATH"])
 
 
 def command(name):

@@ -8,7 +8,7 @@ import pytest
 import kestrel
 from conftest import wav
 
-REC = wav("m_awb_arctic_a0007")
+REC = wav("f_vctk_p225_001")
 
 
 def image(path):
