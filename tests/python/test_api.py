@@ -154,6 +154,20 @@ def test_four_threads_give_the_bits_of_one():
         assert features_equal(f, alone[i % len(inputs)][0]) and np.array_equal(y, alone[i % len(inputs)][1])
 
 
+def test_the_gil_is_free_during_a_call():
+    """Python keeps running beside an analysis: with the GIL held, this loop would stand still
+    for the whole call (a few hundred ms) and count only the moments before and after it."""
+    import threading
+    x, fs = kestrel.read_wav(wav(RECORDINGS[-1]))
+    t = threading.Thread(target=kestrel.analyse, args=(x, fs), kwargs={"method": 2})
+    count = 0
+    t.start()
+    while t.is_alive():
+        count += 1
+    t.join()
+    assert count > 100000  # about 2 million here; a held GIL gives under 10000
+
+
 # --- errors ---------------------------------------------------------------------
 
 def _nan_audio():
