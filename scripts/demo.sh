@@ -61,6 +61,9 @@ for wav in examples/speech/*.wav; do
   quiet "$syn" "$base.lf0" "$base.cc" "$base.fv" "${base}_fdur1.5.wav" --fdur=1.5
   quiet "$syn" "$base.lf0" "$base.cc" "$base.fv" "${base}_fwarp0.1.wav" --fwarp=0.1
   d=$("$lsd" "$wav" "${base}_copy.wav")
+  # Spectrograms of the recording and its resynthesis, with f0 and fv (the Python package).
+  [ -e "$build/python/kestrel/_plotting.py" ] && PYTHONPATH=$build/python quiet /usr/bin/python3 -m kestrel.plot \
+    "$wav" "$base" "$base.png" --resynthesis "${base}_copy.wav"
   rtfana=$(awk -v t="$tana" -v d="$dur" 'BEGIN {printf "%.4f", t / d}')
   rtfsyn=$(awk -v t="$tsyn" -v d="$dur" 'BEGIN {printf "%.4f", t / d}')
   printf '%-22s %8.2f %10s %10s %9s\n' "$name" "$dur" "$rtfana" "$rtfsyn" "$d"
@@ -74,4 +77,5 @@ awk -v a="$sumana" -v s="$sumsyn" -v l="$sumlsd" -v n="$nfiles" \
 echo
 echo "Per file in $out/: <name>_copy.wav (plain resynthesis), <name>_fpitch1.5.wav (f0 x 1.5),"
 echo "<name>_fdur1.5.wav (1.5 times longer), <name>_fwarp0.1.wav (formants raised: a shorter vocal"
-echo "tract; negative --fwarp lowers them, a longer tract), and the features <name>.lf0/.cc/.fv."
+echo "tract; negative --fwarp lowers them, a longer tract), the features <name>.lf0/.cc/.fv, and"
+echo "<name>.png: spectrograms of the recording and its resynthesis with the f0 and fv tracks."

@@ -5,6 +5,9 @@ set -euo pipefail
 
 packages=(g++ clang cmake make pkg-config libgtest-dev libbenchmark-dev libsndfile1-dev libsoxr-dev
           parallel munge slurmctld slurmd slurm-client)
+# The Python package (build, tests, plots, Dask batches, pip install in a venv).
+packages+=(python3-dev pybind11-dev python3-pybind11 python3-numpy python3-pytest python3-matplotlib
+           python3-distributed python3-venv python3-setuptools python3-wheel python3-pip)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -27,13 +27,11 @@
 #include <utility>
 #include <vector>
 
-#include "ccanalysis.h"
+#include "analyser.h"
 #include "drivercommon.h"
 #include "fdoubleio.h"
 #include "fileguard.h"
-#include "fvanalysis.h"
 #include "paramread.h"
-#include "pitchanalysis.h"
 #include "runner.h"
 #include "uttlist.h"
 #include "wavm1616io.h"
@@ -42,21 +40,14 @@ namespace {
 
 using kestrel_batch::Log;
 
-constexpr double kFs = 16000.0;
-// Longest recording analysed, in samples at 16 kHz (about 4 h 40 min). Every
-// count derived from it (frames, samples of the resynthesis, window ends)
-// stays far inside 32 bits, and the worst-case memory stays bounded.
-constexpr uint64_t kMaxSamples = uint64_t{1} << 28;
-// Largest cepstral file, in values: reached only with tiny frame shifts and
-// high orders on long recordings.
-constexpr uint64_t kMaxCepstralValues = uint64_t{1} << 28;
+constexpr double kFs = kestrel_driver::kAnalysisFs;
+constexpr uint64_t kMaxSamples = kestrel_driver::kMaxAnalysisSamples;
 // A sample at or beyond this magnitude sits on a 16-bit rail (32767/32768).
 constexpr double kFullScale = 0.999969482421875;
 // More than this fraction of samples on the rails: the recording is clipped.
 constexpr double kClippedFraction = 0.001;
 // Peak below one 16-bit step: nothing to analyse.
 constexpr double kSilencePeak = 1.0 / 32768.0;
-constexpr uint32_t kRefineIterations = 5;
 // Frames read per block from libsndfile.
 constexpr size_t kBlockFrames = 8192;
 
@@ -122,6 +113,7 @@ void printhelp(const char *progpath) {
   std::printf("   --skip-existing Leave utterances whose three outputs exist\n");
   std::printf("   --failed=FILE   Write the ids that failed, one a line\n");
   std::printf("   --progress      Progress line on standard error (default when it is a terminal)\n");
+  std::printf("   --threads=1     Threads inside one recording (0 = all cores; any mode)\n");
   std::printf("\n\n");
 }
 
@@ -425,32 +417,6 @@ bool readrecording(const char *path, Signal *sig, Log &log) {
 }
 
 // ---------------------------------------------------------------------------
-// Frame grid.
-
-// Frame i is centred on sample (i + 1)*shift, as kestrelsyn places it. The
-// count is the smallest one whose resynthesis, (nframes + 1)*shift + 1
-// samples, is at least as long as the recording, and at least one.
-uint32_t countframes(uint64_t nsamples, uint64_t shift) {
-  const uint64_t k = (nsamples - 1 + shift - 1) / shift;  // ceil((n - 1)/shift)
-  return static_cast<uint32_t>(k > 1 ? k - 1 : 1);
-}
-
-// The inverse of kestrelsyn's default rescaling: c0 + 5, c1..c_order doubled.
-void htsadapteradhoc(double *cc, uint32_t order, uint32_t nframes) {
-  for (uint32_t k = 0; k < nframes; ++k) {
-    double *c = cc + static_cast<size_t>(k) * (order + 1u);
-    c[0] = c[0] + 5.0;
-    for (uint32_t j = 1; j <= order; ++j) c[j] = c[j] * 2.0;
-  }
-}
-
-bool allfinite(const std::vector<double> &v) {
-  for (double d : v)
-    if (!std::isfinite(d)) return false;
-  return true;
-}
-
-// ---------------------------------------------------------------------------
 // Output: every file of an utterance goes to a temporary beside it (the
 // library writers' scheme) and is renamed into place only once all of them
 // are written, so a failure never leaves a partial set (or a truncated file)
@@ -534,38 +500,39 @@ double processutterance(const FileNames &names, const Settings &s, Log &log) {
                static_cast<unsigned>(n), static_cast<unsigned>(shift + 1u));
     return 0.0;
   }
-  const uint32_t nframes = countframes(n, shift);
-  const uint64_t ncc = static_cast<uint64_t>(order + 1u) * nframes;
-  if (ncc > kMaxCepstralValues) {
-    log.error("%s gives too many cepstral values (%llu; the limit is %llu): raise lframe or lower order.",
-               names.wav, static_cast<unsigned long long>(ncc),
-               static_cast<unsigned long long>(kMaxCepstralValues));
-    return 0.0;
+  kestrel_driver::AnalyserSettings as;
+  as.lframe = shift;
+  as.order = order;
+  as.alpha = s.alpha;
+  as.method = static_cast<uint8_t>(s.method);
+  as.f0min = s.f0min;
+  as.f0max = s.f0max;
+  as.refine = s.refine == 1;
+  as.htsscale = s.htsscale == 1;
+  as.threads = s.batch.threads;
+  kestrel_driver::Analysis a;
+  switch (kestrel_driver::analyserecording(x, n, as, names.fv != nullptr, &a)) {
+    case kestrel_driver::AnalysisStatus::ok:
+      break;
+    case kestrel_driver::AnalysisStatus::toomanyvalues:
+      log.error("%s gives too many cepstral values (%llu; the limit is %llu): raise lframe or lower order.",
+                 names.wav, static_cast<unsigned long long>(order + 1ull) * kestrel_driver::countframes(n, shift),
+                 static_cast<unsigned long long>(kestrel_driver::kMaxCepstralValues));
+      return 0.0;
+    case kestrel_driver::AnalysisStatus::cepstrumfailed:
+      log.error("cepstral analysis of %s failed; nothing written.", names.wav);
+      return 0.0;
+    default:  // not finite
+      log.error("analysis of %s gave values that are not finite numbers; nothing written.", names.wav);
+      return 0.0;
   }
-
-  std::vector<double> f0(nframes), cc(static_cast<size_t>(ncc)), fv;
-  getpitch(x, n, kFs, shift, shift, nframes, s.f0min, s.f0max, f0.data());
-  if (s.refine == 1)
-    refinepitch(x, n, kFs, shift, shift, nframes, s.f0min, s.f0max, kRefineIterations, f0.data(), nullptr);
-  if (names.fv) {
-    fv.resize(nframes);
-    getfvoicing(x, n, kFs, shift, shift, nframes, f0.data(), fv.data());
-  }
-  if (waveform2cc(x, n, kFs, shift, shift, nframes, f0.data(), order, cc.data(), s.alpha,
-                  static_cast<uint8_t>(s.method)) != 0) {
-    log.error("cepstral analysis of %s failed; nothing written.", names.wav);
-    return 0.0;
-  }
-  if (s.htsscale == 1) htsadapteradhoc(cc.data(), order, nframes);
-  if (!allfinite(f0) || !allfinite(cc) || !allfinite(fv)) {
-    log.error("analysis of %s gave values that are not finite numbers; nothing written.", names.wav);
-    return 0.0;
-  }
-  f02logf0(nframes, f0.data());
+  const uint32_t nframes = a.nframes;
+  const uint32_t ncc = static_cast<uint32_t>(a.cc.size());
+  std::vector<double> &f0 = a.logf0, &cc = a.cc, &fv = a.fv;
 
   PendingOutputs out(log);
   if (!out.add(names.f0, f0.data(), nframes)) return 0.0;
-  if (!out.add(names.cc, cc.data(), static_cast<uint32_t>(ncc))) return 0.0;
+  if (!out.add(names.cc, cc.data(), ncc)) return 0.0;
   if (names.fv && !out.add(names.fv, fv.data(), nframes)) return 0.0;
   return out.commit() ? static_cast<double>(n) / kFs : 0.0;
 }

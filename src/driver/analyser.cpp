@@ -1,0 +1,67 @@
+#include "analyser.h"
+
+#include <cmath>
+
+#include "ccanalysis.h"
+#include "fvanalysis.h"
+#include "pitchanalysis.h"
+
+namespace kestrel_driver {
+
+namespace {
+
+constexpr uint32_t kRefineIterations = 5;
+
+// The inverse of kestrelsyn's default rescaling: c0 + 5, c1..c_order doubled.
+void htsadapteradhoc(double *cc, uint32_t order, uint32_t nframes) {
+  for (uint32_t k = 0; k < nframes; ++k) {
+    double *c = cc + static_cast<size_t>(k) * (order + 1u);
+    c[0] = c[0] + 5.0;
+    for (uint32_t j = 1; j <= order; ++j) c[j] = c[j] * 2.0;
+  }
+}
+
+bool allfinite(const std::vector<double> &v) {
+  for (double d : v)
+    if (!std::isfinite(d)) return false;
+  return true;
+}
+
+}  // namespace
+
+uint32_t countframes(uint64_t nsamples, uint64_t shift) {
+  const uint64_t k = (nsamples - 1 + shift - 1) / shift;  // ceil((n - 1)/shift)
+  return static_cast<uint32_t>(k > 1 ? k - 1 : 1);
+}
+
+AnalysisStatus analyserecording(const double *x, uint32_t n, const AnalyserSettings &s, bool withfv,
+                                Analysis *out) {
+  const uint32_t shift = s.lframe;
+  const uint32_t order = s.order;
+  if (n < shift + 1u) return AnalysisStatus::tooshort;
+  const uint32_t nframes = countframes(n, shift);
+  const uint64_t ncc = static_cast<uint64_t>(order + 1u) * nframes;
+  if (ncc > kMaxCepstralValues) return AnalysisStatus::toomanyvalues;
+
+  out->nframes = nframes;
+  std::vector<double> &f0 = out->logf0;
+  f0 = std::vector<double>(nframes);
+  out->cc = std::vector<double>(static_cast<size_t>(ncc));
+  out->fv.clear();
+  getpitch(x, n, kAnalysisFs, shift, shift, nframes, s.f0min, s.f0max, f0.data());
+  if (s.refine)
+    refinepitch(x, n, kAnalysisFs, shift, shift, nframes, s.f0min, s.f0max, kRefineIterations, f0.data(), nullptr);
+  if (withfv) {
+    out->fv = std::vector<double>(nframes);
+    getfvoicing(x, n, kAnalysisFs, shift, shift, nframes, f0.data(), out->fv.data());
+  }
+  if (waveform2ccthreads(x, n, kAnalysisFs, shift, shift, nframes, f0.data(), order, out->cc.data(), s.alpha, s.method,
+                         s.threads) != 0)
+    return AnalysisStatus::cepstrumfailed;
+  if (s.htsscale) htsadapteradhoc(out->cc.data(), order, nframes);
+  if (!allfinite(f0) || !allfinite(out->cc) || !allfinite(out->fv)) return AnalysisStatus::notfinite;
+  f02logf0(nframes, f0.data());
+  return AnalysisStatus::ok;
+}
+
+}  // namespace kestrel_driver

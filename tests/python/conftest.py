@@ -1,0 +1,50 @@
+"""Shared fixtures: the bundled recordings and the two commands of the build under test."""
+import os
+import subprocess
+import sys
+
+import pytest
+
+SOURCE_DIR = os.environ.get("KESTREL_SOURCE_DIR", os.path.join(os.path.dirname(__file__), "..", ".."))
+BINARY_DIR = os.environ.get("KESTREL_BINARY_DIR", os.path.join(SOURCE_DIR, "build"))
+SPEECH = os.path.join(SOURCE_DIR, "examples", "speech")
+RECORDINGS = sorted(f[:-4] for f in os.listdir(SPEECH) if f.endswith(".wav"))
+# Run by hand after the README's build (python3 -m pytest tests/python), the package is the
+# build tree's unless PYTHONPATH names another.
+if not os.environ.get("PYTHONPATH"):
+    os.environ["PYTHONPATH"] = os.path.join(BINARY_DIR, "python")  # for the commands run in tests too
+    sys.path.insert(0, os.environ["PYTHONPATH"])
+
+
+def command(name):
+    path = os.environ.get(name.upper()) or os.path.join(BINARY_DIR, name)
+    assert os.access(path, os.X_OK), f"{path} is not built"
+    return path
+
+
+def run(*args):
+    """Runs a command, which must succeed without an error or a warning (list runs name each
+    output on its own line; otherwise the commands print only errors and warnings)."""
+    r = subprocess.run([str(a) for a in args], capture_output=True, text=True, timeout=300)
+    assert r.returncode == 0 and "Error" not in r.stdout and "Warning" not in r.stdout, (args, r.stdout, r.stderr)
+    if not any(str(a).startswith("--list=") for a in args):
+        assert r.stdout == "" and r.stderr == "", (args, r.stdout, r.stderr)
+
+
+def same_bytes(a, b):
+    with open(a, "rb") as fa, open(b, "rb") as fb:
+        return fa.read() == fb.read()
+
+
+@pytest.fixture(scope="session")
+def kestrelana():
+    return command("kestrelana")
+
+
+@pytest.fixture(scope="session")
+def kestrelsyn():
+    return command("kestrelsyn")
+
+
+def wav(name):
+    return os.path.join(SPEECH, name + ".wav")

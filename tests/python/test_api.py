@@ -1,0 +1,239 @@
+"""The Python API against the commands (byte for byte), across dtypes, layouts and threads,
+and its errors on bad input."""
+import os
+import warnings
+from concurrent.futures import ThreadPoolExecutor
+
+import numpy as np
+import pytest
+
+import kestrel
+from conftest import RECORDINGS, run, same_bytes, wav
+
+SHORT = wav("f_vctk_p225_001")
+
+
+@pytest.fixture(scope="module")
+def recording():
+    x, fs = kestrel.read_wav(SHORT)
+    return x[:16000], fs  # one second keeps the matrix quick
+
+
+@pytest.fixture(scope="module")
+def reference(recording):
+    return kestrel.analyse(*recording)
+
+
+def features_equal(a, b):
+    return all(np.array_equal(u, v) for u, v in ((a.lf0, b.lf0), (a.cc, b.cc), (a.fv, b.fv)))
+
+
+def readonly(a):
+    a = np.array(a)
+    a.flags.writeable = False
+    return a
+
+
+# Every dtype and layout holds the same samples, so every one must give the same bits.
+LAYOUTS = {
+    "1-D": lambda a: a,
+    "column": lambda a: a[:, None],
+    "two equal channels": lambda a: np.stack([a, a], axis=1),
+    "strided, read-only": lambda a: readonly(np.repeat(a, 3))[::3],
+    "Fortran-ordered channels": lambda a: np.asfortranarray(np.stack([a, a], axis=1)),
+}
+DTYPES = {
+    "int16": lambda x: x,
+    "int32": lambda x: x.astype(np.int32) << 16,
+    "float32": lambda x: (x / 32768.0).astype(np.float32),
+    "float64": lambda x: x / 32768.0,
+}
+
+
+@pytest.mark.parametrize("layout", LAYOUTS)
+@pytest.mark.parametrize("dtype", DTYPES)
+def test_every_dtype_and_layout_gives_the_same_features(recording, reference, dtype, layout):
+    x = LAYOUTS[layout](DTYPES[dtype](recording[0]))
+    assert features_equal(kestrel.analyse(x, recording[1]), reference)
+
+
+def test_synthesis_dtypes_are_one_waveform(reference):
+    y = kestrel.synthesise(reference)
+    y16 = kestrel.synthesise(reference, dtype="int16")
+    assert y.dtype == np.float64 and y.shape == ((reference.nframes + 1) * 80 + 1,)
+    assert np.array_equal(kestrel.synthesise(reference, dtype=np.float32), y.astype(np.float32))
+    assert np.array_equal(kestrel.synthesise(reference, dtype="int32"), y16.astype(np.int32) << 16)
+    # Features as arrays: flat cepstra, Fortran order, read-only tracks.
+    f = reference
+    arrays = (readonly(f.lf0), np.asfortranarray(f.cc), readonly(f.fv))
+    assert np.array_equal(kestrel.synthesise(arrays, hts_scale=False), y)
+    assert np.array_equal(kestrel.synthesise((f.lf0, f.cc.ravel(), f.fv), hts_scale=False), y)
+
+
+def test_low_level_routines_compose_to_analysis_and_synthesis(recording, reference):
+    x = recording[0] / 32768.0
+    f0 = kestrel.getpitch(x)
+    assert np.array_equal(kestrel.getfvoicing(x, f0), reference.fv)
+    assert np.array_equal(kestrel.waveform2cc(x, f0), reference.cc)
+    assert np.array_equal(kestrel.cc2waveform(reference.f0, reference.cc, reference.fv),
+                          kestrel.synthesise(reference))
+    assert np.array_equal(reference.f0 > 0, f0 > 0)
+
+
+# --- byte for byte with the commands ------------------------------------------
+
+ANALYSIS_OPTIONS = [
+    {},
+    {"shift": 100, "order": 24, "method": 1, "refine": True, "f0min": 70.0, "f0max": 400.0},
+    {"method": 3, "alpha": 0.35},
+]
+
+
+def _cli(opts, names):
+    return [f"--{names.get(k, k)}={int(v) if isinstance(v, bool) else v}" for k, v in opts.items()]
+
+
+@pytest.mark.parametrize("opts", ANALYSIS_OPTIONS, ids=str)
+def test_analysis_files_equal_kestrelana(tmp_path, kestrelana, opts):
+    run(kestrelana, SHORT, tmp_path / "c.lf0", tmp_path / "c.cc", tmp_path / "c.fv",
+        *_cli(opts, {"shift": "lframe"}))
+    x, fs = kestrel.read_wav(SHORT)
+    kestrel.analyse(x, fs, **opts).save(str(tmp_path / "p"))
+    for ext in ("lf0", "cc", "fv"):
+        assert same_bytes(tmp_path / f"c.{ext}", tmp_path / f"p.{ext}"), ext
+
+
+def test_resampled_stereo_input_equals_kestrelana(tmp_path, kestrelana):
+    x, _ = kestrel.read_wav(SHORT)
+    idx = np.arange(len(x) * 441 // 160) * 160 // 441
+    stereo = np.stack([x[idx], (x[idx] * 0.5).astype(np.int16)], axis=1)
+    import wave
+    with wave.open(str(tmp_path / "s.wav"), "wb") as w:
+        w.setnchannels(2), w.setsampwidth(2), w.setframerate(44100)
+        w.writeframes(stereo.astype("<i2").tobytes())
+    run(kestrelana, tmp_path / "s.wav", tmp_path / "c.lf0", tmp_path / "c.cc", tmp_path / "c.fv")
+    kestrel.analyse(stereo, 44100).save(str(tmp_path / "p"))
+    for ext in ("lf0", "cc", "fv"):
+        assert same_bytes(tmp_path / f"c.{ext}", tmp_path / f"p.{ext}"), ext
+
+
+SYNTHESIS_OPTIONS = [
+    {},
+    {"fpitch": 1.5, "fvpitch": 0.5, "fdur": 0.7},
+    {"fwarp": 0.1, "floud": 1.0, "fpfilt": 0.5, "fdrc": 0.6},
+    {"fdur": 1.3, "wavnorm": True, "fpitch": 9.0},  # fpitch clamped to 4
+    {"hts_scale": False, "shift": 64},
+]
+
+
+@pytest.mark.parametrize("with_fv", [True, False])
+@pytest.mark.parametrize("opts", SYNTHESIS_OPTIONS, ids=str)
+def test_synthesis_equals_kestrelsyn(tmp_path, kestrelana, kestrelsyn, opts, with_fv):
+    p = str(tmp_path / "a")
+    run(kestrelana, SHORT, p + ".lf0", p + ".cc", *([p + ".fv"] if with_fv else []))
+    run(kestrelsyn, p + ".lf0", p + ".cc", *([p + ".fv"] if with_fv else []), tmp_path / "c.wav",
+        *_cli(opts, {"shift": "lframe", "hts_scale": "htsscale"}))
+    feats = kestrel.Features.load(p)
+    assert (feats.fv is not None) == with_fv
+    kestrel.write_wav(str(tmp_path / "p.wav"), kestrel.synthesise(feats, dtype="int16", **opts))
+    assert same_bytes(tmp_path / "c.wav", tmp_path / "p.wav")
+
+
+def test_four_threads_give_the_bits_of_one():
+    inputs = [kestrel.read_wav(wav(r)) for r in RECORDINGS]
+
+    def job(i):
+        x, fs = inputs[i % len(inputs)]
+        f = kestrel.analyse(x, fs)
+        return f, kestrel.synthesise(f, fpitch=1.2, dtype="int16")
+
+    alone = [job(i) for i in range(len(inputs))]
+    with ThreadPoolExecutor(max_workers=4) as pool:
+        together = list(pool.map(job, range(2 * len(inputs))))
+    for i, (f, y) in enumerate(together):
+        assert features_equal(f, alone[i % len(inputs)][0]) and np.array_equal(y, alone[i % len(inputs)][1])
+
+
+def test_the_gil_is_free_during_a_call():
+    """Python keeps running beside an analysis: with the GIL held, this loop would stand still
+    for the whole call (a few hundred ms) and count only the moments before and after it."""
+    import threading
+    x, fs = kestrel.read_wav(wav(RECORDINGS[-1]))
+    t = threading.Thread(target=kestrel.analyse, args=(x, fs), kwargs={"method": 2})
+    count = 0
+    t.start()
+    while t.is_alive():
+        count += 1
+    t.join()
+    assert count > 100000  # about 2 million here; a held GIL gives under 10000
+
+
+# --- errors ---------------------------------------------------------------------
+
+def _nan_audio():
+    x = np.ones(2000) * 0.1
+    x[500] = np.nan
+    return x
+
+
+NOISE = np.random.default_rng(0).uniform(-0.5, 0.5, 4000)
+LF0, CC = np.full(10, 4.6), np.zeros((10, 40))
+BAD = [
+    (lambda: kestrel.analyse(np.zeros((4, 3, 2)), 16000), ValueError, "must be 1-D or (samples, channels)"),
+    (lambda: kestrel.analyse(NOISE.astype(np.complex128), 16000), TypeError, "not complex128"),
+    (lambda: kestrel.analyse(np.array(["a", "b"], dtype=object), 16000), TypeError, "not object"),
+    (lambda: kestrel.analyse(NOISE.astype(np.int64), 16000), TypeError, "int16, int32, float32 or float64"),
+    (lambda: kestrel.analyse(_nan_audio(), 16000), ValueError, "x holds samples that are not finite numbers."),
+    (lambda: kestrel.analyse(NOISE[:50], 16000), ValueError, "x is too short (50 samples at 16 kHz; one frame needs 81)."),
+    (lambda: kestrel.analyse(np.zeros(4000), 16000), ValueError, "x is silent (no sample reaches one 16-bit step)."),
+    (lambda: kestrel.analyse(NOISE.reshape(2, -1), 16000), ValueError, "more channels (2000) than samples"),
+    (lambda: kestrel.analyse(NOISE, 0), ValueError, "fs=0 is not a usable sampling rate."),
+    (lambda: kestrel.analyse(NOISE, 16000, shift=-1), ValueError, "shift=-1 is out of range [1...8000]."),
+    (lambda: kestrel.analyse(NOISE, 16000, shift=80.5), TypeError, "shift must be an integer"),
+    (lambda: kestrel.analyse(NOISE, 16000, alpha=float("nan")), ValueError, "alpha=nan is out of range"),
+    (lambda: kestrel.analyse(NOISE, 16000, f0min=300, f0max=200), ValueError, "f0max=200 must be above f0min=300."),
+    (lambda: kestrel.synthesise((LF0, CC[:9])), ValueError, "lf0 and cc have incompatible dimensions"),
+    (lambda: kestrel.synthesise((LF0, CC, np.zeros(9))), ValueError, "lf0 and fv have incompatible dimensions"),
+    (lambda: kestrel.synthesise((LF0[:0], CC[:0])), ValueError, "lf0 holds no frames."),
+    (lambda: kestrel.synthesise((LF0, CC), shift=-80), ValueError, "shift=-80 is out of range"),
+    (lambda: kestrel.synthesise((LF0, CC), fdur=0.01, shift=1), ValueError,
+     "frame shift of 0 samples out of range (1 to 1048576)."),
+    (lambda: kestrel.synthesise((LF0, CC), dtype=np.complex64), TypeError, "dtype must be one of"),
+    (lambda: kestrel.synthesise((LF0.astype(complex), CC)), TypeError, "lf0 must be an array of real numbers"),
+    (lambda: kestrel.synthesise(LF0), TypeError, "features must be a Features or a tuple"),
+    (lambda: kestrel.synthesise((LF0, CC), fpitch="2"), TypeError, "fpitch must be a real number"),
+    (lambda: kestrel.Features.load("/nonexistent/a"), FileNotFoundError, "could not open /nonexistent/a.lf0."),
+    (lambda: kestrel.getpitch(np.zeros((100, 2))), ValueError, "x must be 1-D, not 2-D."),
+    (lambda: kestrel.getpitch(NOISE, fs=-1.0), ValueError, "not a usable sampling rate"),
+    (lambda: kestrel.cc2waveform(LF0, CC[:, :, None]), ValueError, "incompatible dimensions"),
+]
+
+
+@pytest.mark.parametrize("call,error,message", BAD, ids=[b[2][:40] for b in BAD])
+def test_bad_input_raises_a_clear_error(call, error, message):
+    with pytest.raises(error) as e:
+        call()
+    assert message in str(e.value)
+
+
+def test_warnings_follow_kestrelsyn():
+    with pytest.warns(RuntimeWarning, match="floud, fpfilt and fdrc not applicable for this alpha."):
+        kestrel.synthesise((LF0, CC), alpha=0.3, floud=1.0)
+    clipped = np.clip(NOISE * 4, -1.0, 1.0)
+    with pytest.warns(RuntimeWarning, match=r"x is clipped \([0-9.]+ % of its samples at full scale\)."):
+        kestrel.analyse(clipped, 16000)
+    with warnings.catch_warnings():
+        warnings.simplefilter("error")
+        kestrel.analyse(NOISE, 16000)
+
+
+def test_load_checks_the_order_and_short_fv(tmp_path, reference):
+    p = str(tmp_path / "a")
+    reference.save(p)
+    assert kestrel.Features.load(p, order=39).order == 39
+    with pytest.raises(ValueError, match="holds order 39, not 24"):
+        kestrel.Features.load(p, order=24)
+    reference.fv[:-1].astype(np.float32).tofile(p + ".fv")
+    with pytest.warns(RuntimeWarning, match="incompatible dimensions"):
+        assert kestrel.Features.load(p).fv is None
+    assert sorted(os.listdir(tmp_path)) == ["a.cc", "a.fv", "a.lf0"]  # no temporaries left
