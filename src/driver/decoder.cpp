@@ -2,6 +2,8 @@
 
 #include <cmath>
 #include <cstdint>
+#include <memory>
+#include <vector>
 
 #include "ccanalysis.h"
 #include "kestrelsyn.h"
@@ -60,8 +62,10 @@ uint64_t decodedlength(const DecoderSettings &s, uint32_t nframes) {
   return (static_cast<uint64_t>(nframes) + 1u) * s.shift + 1u;
 }
 
-int decodeutterance(const DecoderSettings &s, uint32_t nframes, double *logf0, double *cc, uint32_t order,
-                    const double *fv, double *wave, uint32_t nsamples) {
+namespace {
+
+// Every modification before synthesis, in its fixed order, then log f0 to Hz.
+void modify(const DecoderSettings &s, uint32_t nframes, double *logf0, double *cc, uint32_t order) {
   if (s.htsscale == 1) invhtsadapteradhoc(cc, order, nframes);
   if (s.fpitch != 1.0) shiftlogpitch(nframes, logf0, std::log(s.fpitch));
   if (s.fvpitch != 1.0) scalelogpitchrange(nframes, logf0, s.fvpitch);
@@ -70,6 +74,43 @@ int decodeutterance(const DecoderSettings &s, uint32_t nframes, double *logf0, d
   if (s.fpfilt != 0.0) applycpostfilt16k042(cc, order, nframes, s.fpfilt, nullptr);
   if (s.floud != 0.0) applycloudfilt16k042(cc, order, nframes, s.floud);
   logf02f0(nframes, logf0);
+}
+
+// Samples pulled at a time; frames are pushed about as many samples at a
+// time, so that what the stream holds stays near this (plus two shifts).
+constexpr uint32_t kStreamSamples = 65536;
+
+}  // namespace
+
+int decodeutterancestreamed(const DecoderSettings &s, uint32_t nframes, double *logf0, double *cc, uint32_t order,
+                            const double *fv, const SampleSink &sink) {
+  modify(s, nframes, logf0, cc, order);
+  double f0min, c0min, c0max;
+  const uint8_t hasfv = fv ? 1 : 0;
+  if (ccstreamprescan(nframes, logf0, cc, order, hasfv, &f0min, &c0min, &c0max) != 0) return -1;
+  std::unique_ptr<CCSTREAM, int (*)(CCSTREAM *)> st(
+      ccstreamopen(kDecoderFs, s.shift, order, s.alpha, f0min, hasfv, c0min, c0max, s.threads), ccstreamclose);
+  if (!st) return -1;
+  std::vector<double> buf(kStreamSamples);
+  auto drain = [&] {
+    for (uint32_t n; (n = ccstreampull(st.get(), buf.data(), kStreamSamples)) > 0;)
+      if (!sink(buf.data(), n)) return false;
+    return true;
+  };
+  const uint64_t p1 = static_cast<uint64_t>(order) + 1;
+  const uint32_t step = s.shift < kStreamSamples ? kStreamSamples / s.shift : 1;
+  for (uint32_t i = 0; i < nframes; i += step) {
+    const uint32_t n = nframes - i < step ? nframes - i : step;
+    if (ccstreampush(st.get(), n, logf0 + i, fv ? fv + i : nullptr, cc + i * p1) != 0) return -1;
+    if (!drain()) return -2;
+  }
+  ccstreamfinish(st.get());
+  return drain() ? 0 : -2;
+}
+
+int decodeutterance(const DecoderSettings &s, uint32_t nframes, double *logf0, double *cc, uint32_t order,
+                    const double *fv, double *wave, uint32_t nsamples) {
+  modify(s, nframes, logf0, cc, order);
   return cc2waveformthreads(wave, nsamples, kDecoderFs, s.shift, nframes, logf0, fv, order, cc, s.alpha, s.threads);
 }
 

@@ -6,6 +6,7 @@
 #define KESTREL_DECODER_H
 
 #include <cstdint>
+#include <functional>
 
 namespace kestrel_driver {
 
@@ -47,6 +48,14 @@ uint64_t decodedlength(const DecoderSettings &s, uint32_t nframes);
 // null. Returns cc2waveform's status (0, or -1 when its work areas cannot be had).
 int decodeutterance(const DecoderSettings &s, uint32_t nframes, double *logf0, double *cc, uint32_t order,
                     const double *fv, double *wave, uint32_t nsamples);
+
+// The same pipeline with the samples handed to sink in blocks as they are
+// synthesised (the same samples, in order), so that memory does not grow with
+// the utterance. Returns 0, -1 when synthesis is refused (work areas), or -2
+// when sink returned false (the rest is not synthesised).
+using SampleSink = std::function<bool(const double *samples, uint32_t count)>;
+int decodeutterancestreamed(const DecoderSettings &s, uint32_t nframes, double *logf0, double *cc, uint32_t order,
+                            const double *fv, const SampleSink &sink);
 
 // The normalise flag of the WAV writer: the low 8 bits of wavnorm as a signed byte (257 -> 1).
 int8_t normaliseflag(int32_t wavnorm);

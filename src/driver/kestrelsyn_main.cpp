@@ -27,6 +27,7 @@
 #include "runner.h"
 #include "uttlist.h"
 #include "wavm1616io.h"
+#include "wavwriter.h"
 
 namespace {
 
@@ -203,6 +204,31 @@ bool hasnonfinite(const double *x, uint32_t n) {
   return false;
 }
 
+// Normalising needs the whole waveform's peak: synthesised in one piece.
+uint32_t writenormalised(const DecoderSettings &s, const Files &files, uint32_t nframes, uint32_t order, Track &logf0,
+                         Track &cc, Track &fv, Log &log) {
+  const uint32_t nsamples = static_cast<uint32_t>(kestrel_driver::decodedlength(s, nframes));
+  Track wave(static_cast<double *>(std::calloc(nsamples, sizeof(double))));
+  if (!wave) {
+    msg::outofmemory(log, files.f0);
+    return 0;
+  }
+  if (kestrel_driver::decodeutterance(s, nframes, logf0.get(), cc.get(), order, fv.get(), wave.get(), nsamples) !=
+      0) {
+    msg::synthesisfailed(log, files.f0);
+    return 0;
+  }
+  logf0.reset();
+  cc.reset();
+  fv.reset();
+  if (hasnonfinite(wave.get(), nsamples)) msg::nonfinite(log, files.out);
+  if (wavwritem1616(files.out, wave.get(), nsamples, 1, 0) == 0) {
+    msg::couldnotcreate(log, files.out);
+    return 0;
+  }
+  return nsamples;
+}
+
 // Read, check, modify, synthesise and write one utterance. Every failure
 // ends this utterance only. Returns the output length in samples (0 on failure).
 uint32_t processutterance(const DecoderSettings &s, const Files &files, Log &log) {
@@ -246,22 +272,25 @@ uint32_t processutterance(const DecoderSettings &s, const Files &files, Log &log
 
   Track fv = readfvtrack(files, nframes, log);
   const uint32_t nsamples = static_cast<uint32_t>(needed);
-  Track wave(static_cast<double *>(std::calloc(nsamples, sizeof(double))));
-  if (!wave) {
-    msg::outofmemory(log, files.f0);
-    return 0;
-  }
-  if (kestrel_driver::decodeutterance(s, nframes, logf0.get(), cc.get(), order, fv.get(), wave.get(), nsamples) !=
-      0) {
+  if (kestrel_driver::normaliseflag(s.wavnorm) == 1) return writenormalised(s, files, nframes, order, logf0, cc, fv, log);
+
+  // Samples go to the file as they are synthesised: memory does not grow with
+  // the utterance. The file is created with the first block, so a refused
+  // synthesis leaves nothing behind.
+  std::unique_ptr<kestrel_io::WavWriter> out;
+  bool nonfinite = false;
+  const int status = kestrel_driver::decodeutterancestreamed(
+      s, nframes, logf0.get(), cc.get(), order, fv.get(), [&](const double *x, uint32_t n) {
+        if (!out) out.reset(new kestrel_io::WavWriter(files.out, nsamples));
+        nonfinite = nonfinite || hasnonfinite(x, n);
+        return out->write(x, n);
+      });
+  if (status == -1) {
     msg::synthesisfailed(log, files.f0);
     return 0;
   }
-  logf0.reset();
-  cc.reset();
-  fv.reset();
-
-  if (hasnonfinite(wave.get(), nsamples)) msg::nonfinite(log, files.out);
-  if (wavwritem1616(files.out, wave.get(), nsamples, kestrel_driver::normaliseflag(s.wavnorm), 0) == 0) {
+  if (nonfinite) msg::nonfinite(log, files.out);
+  if (status != 0 || !out->finish()) {
     msg::couldnotcreate(log, files.out);
     return 0;
   }

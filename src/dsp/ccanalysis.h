@@ -33,6 +33,31 @@ KESTREL_API int cc2waveform(double *output, uint32_t length, double fs, uint32_t
 KESTREL_API int cc2waveformthreads(double *output, uint32_t length, double fs, uint32_t shift, uint32_t nframes,
                                    const double *f0, const double *fv, uint32_t order, double *cc, double alpha,
                                    uint32_t threads);
+/* Streaming synthesis: frames in, samples out, with bounded memory, the samples
+ * of cc2waveformthreads bit for bit however the frames are pushed and the
+ * samples pulled. The stream needs two utterance-wide values up front: the
+ * lowest f0 (sizing the harmonic tables) and, without an fv track, the c0
+ * range of the fv estimate; ccstreamprescan gives both from the f0 track and
+ * the cepstra (cc may be NULL with an fv track). 0; -1 for NULL pointers. */
+KESTREL_API int ccstreamprescan(uint32_t nframes, const double *f0, const double *cc, uint32_t order, uint8_t hasfv,
+                                double *f0min, double *c0min, double *c0max);
+typedef struct CCSTREAM CCSTREAM;
+/* New stream (free with ccstreamclose); NULL when shift is 0, fs not positive,
+ * or the work areas would exceed 1 GiB or cannot be had. */
+KESTREL_API CCSTREAM *ccstreamopen(double fs, uint32_t shift, uint32_t order, double alpha, double f0min,
+                                   uint8_t hasfv, double c0min, double c0max, uint32_t threads);
+/* Appends nframes frames: f0 in Hz, fv in Hz (read only when the stream has
+ * an fv track), cc rows of order+1 whose c0 gets the same round trip as in
+ * cc2waveform. After frame i is pushed, samples up to (i+1)*shift - 1 can be
+ * pulled: the latency is one shift plus the frame. 0; -1 after finish or for
+ * NULL arrays. */
+KESTREL_API int ccstreampush(CCSTREAM *stream, uint32_t nframes, const double *f0, const double *fv, double *cc);
+/* No more frames: the remaining samples, up to (frames+1)*shift, become final. 0. */
+KESTREL_API int ccstreamfinish(CCSTREAM *stream);
+/* Copies up to max final samples not yet pulled into out; returns how many. */
+KESTREL_API uint32_t ccstreampull(CCSTREAM *stream, double *out, uint32_t max);
+/* Releases the stream (NULL allowed). 0. */
+KESTREL_API int ccstreamclose(CCSTREAM *stream);
 /* First-order all-pass frequency warping of angular frequency w. */
 KESTREL_API double fwarp(double w, double alpha);
 /* Cosine (and optionally sine) matrices, n rows of p+1, at harmonics (r+1)*f0

@@ -176,7 +176,7 @@ struct Utterance {
   uint32_t shift, order, p1, nhmax, nenv, nfft;
   uint64_t nmat, total;
   bool flatc0;
-  const double *fv;
+  bool hasfv;
   const double *envm;     // envelope-grid cosine matrix
   const FFTPLAN *inverse;
 };
@@ -199,16 +199,17 @@ constexpr uint32_t kMaxThreads = 256;
 constexpr uint64_t kBlockDoubles = uint64_t{1} << 20;  // segments per round, in doubles
 constexpr uint64_t kMaxBlockFrames = 512;
 
-// f0 of frame i after the range check and the fv test (fvi set when voiced);
+// f0 of a frame after the range check and the fv test (fvi set when voiced);
 // c0 is read after its round trip through the noise gain, as the frame sees it.
-double voicing(const Utterance &u, uint32_t i, double f, const double *c, double *fvi) {
+// fvtrack is the frame's fv when the utterance has a track.
+double voicing(const Utterance &u, double fvtrack, double f, const double *c, double *fvi) {
   if (f > 0 && (f < kF0Floor || f > kF0Ceiling)) f = 0;
   *fvi = 0.0;
   if (f > 0) {
     const double c0 = (c[0] + kNoiseGain) - kNoiseGain;
     double v;
-    if (u.fv)
-      v = u.fv[i];
+    if (u.hasfv)
+      v = fvtrack;
     else
       v = u.flatc0 ? kFvLoudest : (c0 - u.c0min) * kFvLoudest / (u.c0max - u.c0min);
     if (v < kFvFloor) v = kFvFloor;
@@ -218,8 +219,8 @@ double voicing(const Utterance &u, uint32_t i, double f, const double *c, double
   return f;
 }
 
-// The 2*shift samples of frame i into seg.
-void synthframe(const Utterance &u, uint32_t i, double *cc, const FrameState &st, double *seg, FrameWork *w) {
+// The 2*shift samples of a frame (cepstrum c, changed by the c0 round trip) into seg.
+void synthframe(const Utterance &u, double *c, const FrameState &st, double *seg, FrameWork *w) {
   double *hcos = w->area.data();
   double *hsin = hcos + static_cast<uint64_t>(u.p1) * u.nhmax;
   double *amps = hcos + u.nmat;
@@ -228,7 +229,6 @@ void synthframe(const Utterance &u, uint32_t i, double *cc, const FrameState &st
   double *re = grid + u.nenv;
   const uint32_t nbins = u.nfft / 2 - 1;  // nfft >= 2 since shift >= 1
   const double dfbin = u.fs / static_cast<double>(u.nfft);
-  double *c = cc + static_cast<uint64_t>(i) * u.p1;
   const double f = st.f;
 
   c[0] += kNoiseGain;
@@ -255,14 +255,15 @@ void synthframe(const Utterance &u, uint32_t i, double *cc, const FrameState &st
   for (uint32_t k = 0; k < 2 * u.shift; ++k) seg[k] = re[k];
 }
 
-// Frames b0 .. b0+nb-1 into their segments, frame b0+j on thread j mod threads
-// (the calling thread is thread 0; a thread that cannot be started leaves its
-// frames to the calling thread).
-void runframes(const Utterance &u, uint32_t b0, uint32_t nb, double *cc, const FrameState *states, double *segments,
+// The nb frames of cc (rows p1 apart) into their segments, frame j on thread
+// j mod threads (the calling thread is thread 0; a thread that cannot be
+// started leaves its frames to the calling thread).
+void runframes(const Utterance &u, uint32_t nb, double *cc, const FrameState *states, double *segments,
                FrameWork *work, uint32_t threads) {
   const uint64_t twoshift = 2 * static_cast<uint64_t>(u.shift);
   auto run = [&](uint32_t t, uint32_t step, FrameWork *w) {
-    for (uint32_t j = t; j < nb; j += step) synthframe(u, b0 + j, cc, states[j], segments + j * twoshift, w);
+    for (uint32_t j = t; j < nb; j += step)
+      synthframe(u, cc + static_cast<uint64_t>(j) * u.p1, states[j], segments + j * twoshift, w);
   };
   if (threads <= 1) {
     run(0, 1, &work[0]);
@@ -282,7 +283,175 @@ void runframes(const Utterance &u, uint32_t b0, uint32_t nb, double *cc, const F
     if (pool[t].joinable()) pool[t].join();
 }
 
+// The lowest f0 that sizes the harmonic matrices, and the c0 range of the fv
+// estimate (0, 0 with a track): the values synthesis needs before its first frame.
+void prescan(uint32_t nframes, const double *f0, const double *cc, uint64_t p1, bool hasfv, double *f0min,
+             double *c0min, double *c0max) {
+  *f0min = kF0MinStart;
+  for (uint32_t i = 0; i < nframes; ++i)
+    if (f0[i] >= kF0Floor && f0[i] < *f0min) *f0min = f0[i];
+  *c0max = 0.0;
+  *c0min = 0.0;
+  if (!hasfv) {
+    *c0max = -DBL_MAX;
+    *c0min = DBL_MAX;
+    for (uint32_t i = 0; i < nframes; ++i) {
+      const double c0 = cc[i * p1];
+      if (f0[i] > 0 && c0 > *c0max) *c0max = c0;
+      if (c0 < *c0min) *c0min = c0;
+    }
+  }
+}
+
 }  // namespace
+
+// A synthesis in progress: the utterance's tables and work areas, what the
+// frames carry from one to the next (generator state, phase, previous f0),
+// and the samples not yet handed out. Frames are synthesised in rounds; a
+// serial pass fixes each frame's state, so a round's frames are independent
+// and their segments are overlap-added in frame order, whatever the rounds.
+struct CCSTREAM {
+  Utterance u{};
+  uint32_t threads = 1;
+  uint64_t block = 1;  // frames per round at most
+  std::vector<double> envm, segments;
+  std::vector<FrameWork> work;
+  std::vector<FrameState> states;
+  FFTPLAN *inverse = nullptr;
+  RANDGEN noise{};
+  double phi = 0.0, f0prev = 0.0;
+  uint64_t nframes = 0;  // frames synthesised
+  bool finished = false;
+  // Samples from acc0 on: acc[k] is sample acc0 + k; those below ready are final.
+  std::vector<double> acc;
+  uint64_t acc0 = 0, ready = 0;
+
+  ~CCSTREAM() { fftplanfree(inverse); }
+
+  // Sets up the tables and work areas; false when they are refused.
+  bool init(double fs, uint32_t shift, uint32_t order, double alpha, double f0min, bool hasfv, double c0min,
+            double c0max, uint32_t nthreads) {
+    const uint64_t p1 = static_cast<uint64_t>(order) + 1;
+    if (shift == 0 || p1 > kMaxWorkDoubles || !(fs > 0.0)) return false;
+    u.fs = fs;
+    u.shift = shift;
+    u.alpha = alpha;
+    u.order = order;
+    u.p1 = static_cast<uint32_t>(p1);
+    u.hasfv = hasfv;
+    u.c0min = c0min;
+    u.c0max = c0max;
+    // Every voiced frame sharing the utterance's lowest c0 leaves the fv
+    // formula without a scale: those utterances use the loudest-frame fv.
+    u.flatc0 = (c0max == c0min);
+    u.nhmax = hanoharms(fs, fs, f0min);
+    u.nenv = hanoharms(fs, fs, kGridStep);
+    const uint64_t twoshift = 2 * static_cast<uint64_t>(shift);
+    const uint64_t rows = 2 * static_cast<uint64_t>(u.nhmax) + u.nenv;
+    if (twoshift > kMaxWorkDoubles || rows > kMaxWorkDoubles) return false;
+    u.nfft = getwinlengthceilpot2(static_cast<uint32_t>(twoshift));
+    u.nmat = p1 * rows;
+    u.total = u.nmat + rows + 2 * static_cast<uint64_t>(u.nfft);
+    if (u.nmat > kMaxWorkDoubles || u.total > kMaxWorkDoubles) return false;
+    threads = nthreads == 0 ? 1 : (nthreads > kMaxThreads ? kMaxThreads : nthreads);
+    // Frames synthesised per round: enough to keep every thread busy, few
+    // enough that their segments stay small.
+    block = kBlockDoubles / twoshift;
+    if (block > kMaxBlockFrames) block = kMaxBlockFrames;
+    if (block < threads) block = threads;
+    try {
+      envm.assign(static_cast<size_t>(p1 * u.nenv), 0.0);
+      segments.assign(static_cast<size_t>(block * twoshift), 0.0);
+      states.resize(static_cast<size_t>(block));
+      work.resize(threads);
+      for (FrameWork &w : work) {
+        w.area.assign(static_cast<size_t>(u.total), 0.0);
+        w.draws.assign(u.nfft / 2, 0);
+      }
+      acc.assign(static_cast<size_t>(shift) + 1, 0.0);
+    } catch (const std::bad_alloc &) {
+      return false;
+    }
+    inverse = fftplancreate(static_cast<int32_t>(u.nfft), -1);
+    if (!inverse) return false;
+    u.inverse = inverse;
+    u.envm = envm.data();
+    ccmatrixcreate(order, u.nenv, kGridStep, nullptr, fs, alpha, envm.data(), nullptr);
+    randgenseed(&noise, 0);
+    return true;
+  }
+
+  // Synthesises nb (at most block) frames; emit(j, segment) overlap-adds
+  // frame nframes + j where the caller wants it.
+  template <class Emit>
+  void round(uint32_t nb, const double *f0, const double *fv, double *cc, Emit emit) {
+    const uint32_t nbins = u.nfft / 2 - 1;
+    for (uint32_t j = 0; j < nb; ++j) {
+      FrameState &st = states[j];
+      st.noise = noise;
+      randgendraws(&noise, work[0].draws.data(), nbins);
+      st.f = voicing(u, fv ? fv[j] : 0.0, f0[j], cc + static_cast<uint64_t>(j) * u.p1, &st.fvi);
+      if (st.f > 0) {
+        if (f0prev > 0)
+          phi = phi + kPi * (st.f + f0prev) * static_cast<double>(u.shift) / u.fs;
+        else
+          phi = 0.0;
+      }
+      st.phi = phi;
+      f0prev = st.f;
+    }
+    runframes(u, nb, cc, states.data(), segments.data(), work.data(), threads > nb ? nb : threads);
+    const uint64_t twoshift = 2 * static_cast<uint64_t>(u.shift);
+    for (uint32_t j = 0; j < nb; ++j) emit(nframes + j, segments.data() + j * twoshift);
+    nframes += nb;
+  }
+
+  // Frames in rounds, overlap-added into acc; samples before the next
+  // frame's start become final.
+  bool push(uint32_t n, const double *f0, const double *fv, double *cc) {
+    const uint64_t shift = u.shift;
+    for (uint32_t done = 0; done < n;) {
+      const uint32_t nb = static_cast<uint32_t>(n - done < block ? n - done : block);
+      const uint64_t end = (nframes + nb + 1) * shift;  // past the round's last segment
+      // Drop what was handed out, then make room for the round.
+      if (pulled > acc0) {
+        acc.erase(acc.begin(), acc.begin() + static_cast<std::ptrdiff_t>(pulled - acc0));
+        acc0 = pulled;
+      }
+      try {
+        if (acc0 + acc.size() < end) acc.resize(static_cast<size_t>(end - acc0), 0.0);
+      } catch (const std::bad_alloc &) {
+        return false;
+      }
+      round(nb, f0 + done, fv ? fv + done : nullptr, cc + static_cast<uint64_t>(done) * u.p1,
+            [&](uint64_t i, const double *seg) {
+              const uint32_t start = static_cast<uint32_t>(i * shift - acc0);
+              olatriang(acc.data(), seg, start, start + u.shift, start + 2 * u.shift);
+            });
+      done += nb;
+      ready = nframes * shift;
+    }
+    return true;
+  }
+
+  void finish() {
+    if (finished) return;
+    finished = true;
+    const uint64_t end = (nframes + 1) * static_cast<uint64_t>(u.shift) + 1;  // the final sample stays 0.0
+    if (acc0 + acc.size() < end) acc.resize(static_cast<size_t>(end - acc0), 0.0);
+    ready = end;
+  }
+
+  uint32_t pull(double *out, uint32_t max) {
+    uint64_t n = ready - pulled;
+    if (n > max) n = max;
+    const double *from = acc.data() + (pulled - acc0);
+    for (uint64_t k = 0; k < n; ++k) out[k] = from[k];
+    pulled += n;
+    return static_cast<uint32_t>(n);
+  }
+  uint64_t pulled = 0;
+};
 
 extern "C" {
 
@@ -355,21 +524,6 @@ int cc2waveformthreads(double *output, uint32_t length, double fs, uint32_t shif
   const uint64_t p1 = static_cast<uint64_t>(order) + 1;
   if (p1 > kMaxWorkDoubles) return -1;
 
-  double f0min = kF0MinStart;
-  for (uint32_t i = 0; i < nframes; ++i)
-    if (f0[i] >= kF0Floor && f0[i] < f0min) f0min = f0[i];
-
-  double c0max = 0.0, c0min = 0.0;
-  if (!fv) {
-    c0max = -DBL_MAX;
-    c0min = DBL_MAX;
-    for (uint32_t i = 0; i < nframes; ++i) {
-      const double c0 = cc[i * p1];
-      if (f0[i] > 0 && c0 > c0max) c0max = c0;
-      if (c0 < c0min) c0min = c0;
-    }
-  }
-
   // Frames from this one on lie wholly beyond the output (or have no span):
   // they only get their c0 round trip, which callers can observe.
   uint32_t nsynth = nframes;
@@ -381,93 +535,24 @@ int cc2waveformthreads(double *output, uint32_t length, double fs, uint32_t shif
   }
 
   if (nsynth > 0) {
-    Utterance u{};
-    u.fs = fs;
-    u.shift = shift;
-    u.alpha = alpha;
-    u.order = order;
-    u.p1 = static_cast<uint32_t>(p1);
-    u.fv = fv;
-    u.c0min = c0min;
-    u.c0max = c0max;
-    // Every voiced frame sharing the utterance's lowest c0 leaves the fv
-    // formula without a scale: those utterances use the loudest-frame fv.
-    u.flatc0 = (c0max == c0min);
-    u.nhmax = hanoharms(fs, fs, f0min);
-    u.nenv = hanoharms(fs, fs, kGridStep);
-    const uint64_t twoshift = 2 * static_cast<uint64_t>(shift);
-    const uint64_t rows = 2 * static_cast<uint64_t>(u.nhmax) + u.nenv;
-    if (twoshift > kMaxWorkDoubles || rows > kMaxWorkDoubles) return -1;
-    u.nfft = getwinlengthceilpot2(static_cast<uint32_t>(twoshift));
-    u.nmat = p1 * rows;
-    u.total = u.nmat + rows + 2 * static_cast<uint64_t>(u.nfft);
-    if (u.nmat > kMaxWorkDoubles || u.total > kMaxWorkDoubles) return -1;
-    if (threads == 0) threads = 1;
-    if (threads > kMaxThreads) threads = kMaxThreads;
-    if (threads > nsynth) threads = nsynth;
-    // Frames synthesised per round: enough to keep every thread busy, few
-    // enough that their segments stay small.
-    uint64_t block = kBlockDoubles / twoshift;
-    if (block > kMaxBlockFrames) block = kMaxBlockFrames;
-    if (block < threads) block = threads;
-    if (block > nsynth) block = nsynth;
-
-    std::vector<double> envm, segments;
-    std::vector<FrameWork> work;
-    std::vector<FrameState> states;
-    try {
-      envm.assign(static_cast<size_t>(p1 * u.nenv), 0.0);
-      segments.assign(static_cast<size_t>(block * twoshift), 0.0);
-      states.resize(static_cast<size_t>(block));
-      work.resize(threads);
-      for (FrameWork &w : work) {
-        w.area.assign(static_cast<size_t>(u.total), 0.0);
-        w.draws.assign(u.nfft / 2, 0);
-      }
-    } catch (const std::bad_alloc &) {
+    double f0min, c0min, c0max;
+    prescan(nframes, f0, cc, p1, fv != nullptr, &f0min, &c0min, &c0max);
+    CCSTREAM st;
+    if (!st.init(fs, shift, order, alpha, f0min, fv != nullptr, c0min, c0max, threads > nsynth ? nsynth : threads))
       return -1;
-    }
-    FFTPLAN *inverse = fftplancreate(static_cast<int32_t>(u.nfft), -1);
-    if (!inverse) return -1;
-    u.inverse = inverse;
-    u.envm = envm.data();
-    ccmatrixcreate(order, u.nenv, kGridStep, nullptr, fs, alpha, envm.data(), nullptr);
-
-    // The serial pre-pass fixes what a frame takes from the ones before it
-    // (the generator's state and the harmonic phase); the frames of a block
-    // are then independent, and their segments are overlap-added in order.
-    RANDGEN noise;
-    randgenseed(&noise, 0);
-    double phi = 0.0, f0prev = 0.0;
-    const uint32_t nbins = u.nfft / 2 - 1;
-    for (uint32_t b0 = 0; b0 < nsynth; b0 += static_cast<uint32_t>(block)) {
-      const uint32_t nb = (nsynth - b0 < block) ? nsynth - b0 : static_cast<uint32_t>(block);
-      for (uint32_t j = 0; j < nb; ++j) {
-        FrameState &st = states[j];
-        st.noise = noise;
-        randgendraws(&noise, work[0].draws.data(), nbins);
-        st.f = voicing(u, b0 + j, f0[b0 + j], cc + (b0 + j) * p1, &st.fvi);
-        if (st.f > 0) {
-          if (f0prev > 0)
-            phi = phi + kPi * (st.f + f0prev) * static_cast<double>(shift) / fs;
-          else
-            phi = 0.0;
-        }
-        st.phi = phi;
-        f0prev = st.f;
-      }
-      runframes(u, b0, nb, cc, states.data(), segments.data(), work.data(), threads);
-      for (uint32_t j = 0; j < nb; ++j) {
-        const uint64_t start = static_cast<uint64_t>(b0 + j) * shift;
-        const double *seg = segments.data() + j * twoshift;
+    // The whole output is at hand: segments go straight into it.
+    const uint64_t twoshift = 2 * static_cast<uint64_t>(shift);
+    for (uint32_t b0 = 0; b0 < nsynth; b0 += static_cast<uint32_t>(st.block)) {
+      const uint32_t nb = (nsynth - b0 < st.block) ? nsynth - b0 : static_cast<uint32_t>(st.block);
+      st.round(nb, f0 + b0, fv ? fv + b0 : nullptr, cc + b0 * p1, [&](uint64_t i, const double *seg) {
+        const uint64_t start = i * shift;
         if (start + twoshift <= length)
           olatriang(output, seg, static_cast<uint32_t>(start), static_cast<uint32_t>(start + shift),
                     static_cast<uint32_t>(start + twoshift));
         else
           olatriangclipped(output, seg, start, shift, length);
-      }
+      });
     }
-    fftplanfree(inverse);
   }
 
   for (uint32_t i = nsynth; i < nframes; ++i) {
@@ -475,6 +560,45 @@ int cc2waveformthreads(double *output, uint32_t length, double fs, uint32_t shif
     c[0] += kNoiseGain;
     c[0] -= kNoiseGain;
   }
+  return 0;
+}
+
+int ccstreamprescan(uint32_t nframes, const double *f0, const double *cc, uint32_t order, uint8_t hasfv,
+                    double *f0min, double *c0min, double *c0max) {
+  if ((nframes > 0 && (!f0 || (!cc && !hasfv))) || !f0min || !c0min || !c0max) return -1;
+  prescan(nframes, f0, cc, static_cast<uint64_t>(order) + 1, hasfv != 0, f0min, c0min, c0max);
+  return 0;
+}
+
+CCSTREAM *ccstreamopen(double fs, uint32_t shift, uint32_t order, double alpha, double f0min, uint8_t hasfv,
+                       double c0min, double c0max, uint32_t threads) {
+  CCSTREAM *st = new (std::nothrow) CCSTREAM;
+  if (st && !st->init(fs, shift, order, alpha, f0min, hasfv != 0, c0min, c0max, threads)) {
+    delete st;
+    st = nullptr;
+  }
+  return st;
+}
+
+int ccstreampush(CCSTREAM *st, uint32_t nframes, const double *f0, const double *fv, double *cc) {
+  if (!st || st->finished || (nframes > 0 && (!f0 || !cc || (st->u.hasfv && !fv)))) return -1;
+  if (st->nframes + nframes > UINT32_MAX) return -1;
+  return st->push(nframes, f0, st->u.hasfv ? fv : nullptr, cc) ? 0 : -1;
+}
+
+int ccstreamfinish(CCSTREAM *st) {
+  if (!st) return -1;
+  st->finish();
+  return 0;
+}
+
+uint32_t ccstreampull(CCSTREAM *st, double *out, uint32_t max) {
+  if (!st || (!out && max > 0)) return 0;
+  return st->pull(out, max);
+}
+
+int ccstreamclose(CCSTREAM *st) {
+  delete st;
   return 0;
 }
 

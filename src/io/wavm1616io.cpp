@@ -1,6 +1,7 @@
 // wavm1616io: RIFF/WAVE PCM files, mono, 16000 Hz, 16 bits; in memory full
 // scale is +-1.0 with 1.0 == 32768.
 #include "wavm1616io.h"
+#include "wavwriter.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -51,6 +52,27 @@ int16_t tosample(double x) {
 }
 
 }  // namespace
+
+namespace kestrel_io {
+
+void wavheader1616(unsigned char *h, uint32_t n) {
+  const uint32_t databytes = 2u * n;
+  std::memcpy(h + 0, "RIFF", 4);
+  put32(h + 4, databytes + 36u);
+  std::memcpy(h + 8, "WAVE", 4);
+  std::memcpy(h + 12, "fmt ", 4);
+  put32(h + 16, 16u);
+  put16(h + 20, 1u);  // PCM
+  put16(h + 22, 1u);  // mono
+  put32(h + 24, kSampleRate);
+  put32(h + 28, kSampleRate * 2u);
+  put16(h + 32, 2u);
+  put16(h + 34, 16u);
+  std::memcpy(h + 36, "data", 4);
+  put32(h + 40, databytes);
+}
+
+}  // namespace kestrel_io
 
 extern "C" {
 
@@ -103,21 +125,8 @@ uint32_t wavwritem1616(const char *path, double *x, uint32_t n, int8_t normalise
   OutputFile out(path);
   if (!out.isopen()) return 0;
 
-  const uint32_t databytes = 2u * n;
   unsigned char h[kHeaderBytes];
-  std::memcpy(h + 0, "RIFF", 4);
-  put32(h + 4, databytes + 36u);
-  std::memcpy(h + 8, "WAVE", 4);
-  std::memcpy(h + 12, "fmt ", 4);
-  put32(h + 16, 16u);
-  put16(h + 20, 1u);  // PCM
-  put16(h + 22, 1u);  // mono
-  put32(h + 24, kSampleRate);
-  put32(h + 28, kSampleRate * 2u);
-  put16(h + 32, 2u);
-  put16(h + 34, 16u);
-  std::memcpy(h + 36, "data", 4);
-  put32(h + 40, databytes);
+  kestrel_io::wavheader1616(h, n);
   if (!out.write(h, 1, kHeaderBytes)) return 0;
 
   if (normalise == 1) wavampnormalize(x, n);

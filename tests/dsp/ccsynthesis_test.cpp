@@ -406,6 +406,39 @@ TEST(Cc2waveform, EveryThreadCountGivesTheSameBits) {
     }
 }
 
+TEST(Ccstream, AnyChunkingGivesTheWholeUtteranceBits) {
+  // Pushes of 1, 7 and 600 frames (beyond one round), pulls of 1, 333 and
+  // everything at once, pulled as they become final and after the end.
+  SynthUtterance u = utterance(3.0, 5);
+  for (uint32_t i = 0; i < u.nframes; ++i) u.frame(i)[0] += 10.9;
+  const uint32_t L = getwaveformlength(u.shift, u.nframes);
+  for (bool withfv : {true, false}) {
+    const double *fv = withfv ? u.fv.data() : nullptr;
+    std::vector<double> want(L), cc1 = u.cc;
+    cc2waveform(want.data(), L, u.fs, u.shift, u.nframes, u.f0.data(), fv, u.order, cc1.data(), u.alpha);
+    double f0min, c0min, c0max;
+    ASSERT_EQ(ccstreamprescan(u.nframes, u.f0.data(), u.cc.data(), u.order, withfv, &f0min, &c0min, &c0max), 0);
+    const uint32_t cases[][3] = {{1, 1, 1}, {7, 333, 1}, {600, L, 2}, {7, 1, 3}};  // push, pull, threads
+    for (const auto &c : cases) {
+      CCSTREAM *st = ccstreamopen(u.fs, u.shift, u.order, u.alpha, f0min, withfv, c0min, c0max, c[2]);
+      ASSERT_NE(st, nullptr);
+      std::vector<double> out, cc = u.cc, buf(c[1]);
+      for (uint32_t i = 0; i < u.nframes; i += c[0]) {
+        const uint32_t n = std::min(c[0], u.nframes - i);
+        ASSERT_EQ(ccstreampush(st, n, u.f0.data() + i, fv ? fv + i : nullptr, cc.data() + size_t(i) * (u.order + 1)), 0);
+        for (uint32_t got; (got = ccstreampull(st, buf.data(), c[1])) > 0;) out.insert(out.end(), buf.begin(), buf.begin() + got);
+        EXPECT_EQ(out.size(), size_t(i + n) * u.shift);  // final up to the next frame's start
+      }
+      EXPECT_EQ(ccstreamfinish(st), 0);
+      EXPECT_EQ(ccstreampush(st, 1, u.f0.data(), fv, cc.data()), -1);
+      for (uint32_t got; (got = ccstreampull(st, buf.data(), c[1])) > 0;) out.insert(out.end(), buf.begin(), buf.begin() + got);
+      ccstreamclose(st);
+      EXPECT_TRUE(samebits(out, want) && samebits(cc, cc1)) << withfv << " " << c[0] << " " << c[1];
+    }
+  }
+  EXPECT_EQ(ccstreamopen(16000.0, 0, 39, 0.42, 100.0, 0, 0.0, 1.0, 1), nullptr);
+}
+
 TEST(Cc2waveform, DegenerateInputsAreSafe) {
   const SynthUtterance u = steady(10, 150.0, 4000.0, -5.0);
   std::vector<double> cc = u.cc, out(900, kNaN);
