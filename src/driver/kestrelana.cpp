@@ -107,13 +107,15 @@ void printhelp(const char *progpath) {
   std::printf("\n");
   std::printf("  Optional parameters and default values:\n");
   std::printf("   --lframe=80     Frame shift (samples at 16 kHz) [1...8000]\n");
-  std::printf("   --order=39      Cepstral order [0...255]\n");
+  std::printf("   --order=59      Cepstral order [0...255]\n");
   std::printf("   --alpha=0.42    All-pass (frequency-warping) factor [-0.99...0.99]\n");
   std::printf("   --method=0      Cepstral method [0...4]: 0 harmonic envelope,\n");
   std::printf("                   1 discrete cepstrum, 2 quasi-harmonic discrete cepstrum,\n");
   std::printf("                   3 signal spectrum, 4 SEEVOC envelope\n");
   std::printf("   --f0min=60      Lowest f0 (Hz) [20...1000]\n");
   std::printf("   --f0max=500     Highest f0 (Hz) [40...2000], above f0min\n");
+  std::printf("   --pitch=1       Pitch tracker [0...1]: 0 autocorrelation peaks,\n");
+  std::printf("                   1 cross-correlation, whole-utterance search\n");
   std::printf("   --refine=0      Pitch refinement by harmonic analysis [0...1]\n");
   std::printf("   --htsscale=1    Cepstra scaled for HTS modelling (c0+5, others x2) [0...1]\n");
   std::printf("   --indlist=      Index list for batch processing, e.g. 1-20,25 [none]\n");
@@ -125,11 +127,12 @@ void printhelp(const char *progpath) {
 
 struct Settings {
   int32_t lframe = 80;
-  int32_t order = 39;
+  int32_t order = 59;
   double alpha = 0.42;
   int32_t method = 0;
   double f0min = 60.0;
   double f0max = 500.0;
+  int32_t pitch = 1;
   int32_t refine = 0;
   int32_t htsscale = 1;
   const char *indlist = nullptr;
@@ -152,6 +155,7 @@ Settings readsettings(uint32_t nopts, char **opts) {
   searchintparam(nopts, opts, "method", &s.method);
   searchdoubleparam(nopts, opts, "f0min", &s.f0min);
   searchdoubleparam(nopts, opts, "f0max", &s.f0max);
+  searchintparam(nopts, opts, "pitch", &s.pitch);
   searchintparam(nopts, opts, "refine", &s.refine);
   searchintparam(nopts, opts, "htsscale", &s.htsscale);
   s.indlist = searchstringparam(nopts, opts, "indlist");
@@ -176,7 +180,8 @@ bool checksettings(const Settings &s) {
   if (!checkint("lframe", s.lframe, 1, 8000) || !checkint("order", s.order, 0, 255) ||
       !checkdouble("alpha", s.alpha, -0.99, 0.99) || !checkint("method", s.method, 0, 4) ||
       !checkdouble("f0min", s.f0min, 20.0, 1000.0) || !checkdouble("f0max", s.f0max, 40.0, 2000.0) ||
-      !checkint("refine", s.refine, 0, 1) || !checkint("htsscale", s.htsscale, 0, 1))
+      !checkint("pitch", s.pitch, 0, 1) || !checkint("refine", s.refine, 0, 1) ||
+      !checkint("htsscale", s.htsscale, 0, 1))
     return false;
   if (!(s.f0max > s.f0min)) {
     printerror("--f0max=%g must be above --f0min=%g.", s.f0max, s.f0min);
@@ -526,7 +531,7 @@ void processutterance(const FileNames &names, const Settings &s) {
   }
 
   std::vector<double> f0(nframes), cc(static_cast<size_t>(ncc)), fv;
-  getpitch(x, n, kFs, shift, shift, nframes, s.f0min, s.f0max, f0.data());
+  (s.pitch == 1 ? getpitchdp : getpitch)(x, n, kFs, shift, shift, nframes, s.f0min, s.f0max, f0.data());
   if (s.refine == 1)
     refinepitch(x, n, kFs, shift, shift, nframes, s.f0min, s.f0max, kRefineIterations, f0.data(), nullptr);
   if (names.fv) {
