@@ -155,9 +155,13 @@ int track(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first
   if (!(f0max > f0min)) f0max = 500;
   if (!(fs > 0) || !std::isfinite(fs) || shift == 0 || !std::isfinite(f0min) || !std::isfinite(f0max))
     return refuse(nframes, f0);
-  // One lag beyond the range either side, so that a peak at its very edge is
-  // still a local maximum (the result is clamped to the range).
-  const double minlagd = std::floor(fs / f0max) - 1.0, maxlagd = std::ceil(fs / f0min) + 1.0;
+  double minlagd = std::floor(fs / f0max), maxlagd = std::ceil(fs / f0min);
+  // A range too narrow to hold a peak between its ends is widened by a lag
+  // either side (the result is clamped to the range).
+  if (maxlagd < minlagd + 2.0) {
+    minlagd -= 1.0;
+    maxlagd += 1.0;
+  }
   const double wd = std::ceil(std::max(kWindow, kMinPeriods / f0min) * fs);
   if (!(wd + maxlagd + 2 <= kMaxSpan)) return refuse(nframes, f0);
   const uint32_t minlag = minlagd < 2 ? 2 : static_cast<uint32_t>(minlagd);
