@@ -1,12 +1,19 @@
 // copysynth_eval: quality of copy synthesis through each cepstral-analysis
 // method. For every recording:
-//   getpitch (60..500 Hz) -> getfvoicing -> waveform2cc (order 39, alpha 0.42,
-//   method 0..4) -> cc2waveform -> compare with the recording.
+//   getpitchdp or getpitch (60..500 Hz) -> getfvoicing -> waveform2cc (order
+//   59 or as given, alpha 0.42, method 0..4) -> cc2waveform -> compare with
+//   the recording.
 // Frame k is centred on sample (k+1)*80, the decoder's grid; nframes is the
 // smallest count whose resynthesis, (nframes+1)*80+1 samples, covers the
 // recording.
 //
-//   copysynth_eval [file.wav ...]    (default: examples/speech/*.wav)
+//   copysynth_eval [--pitch=0|1] [--order=P] [--ref-f0=DIR] [file.wav ...]
+//     (default: getpitchdp, as kestrelana; order 59; examples/speech/*.wav)
+//     --ref-f0=DIR: reference tracks DIR/NAME.f0 (text, Hz per frame, 0 =
+//     unvoiced, frame t centred on sample 80 t, as the WORLD anchor script
+//     writes them): the analysis track's voicing decision error, gross
+//     pitch error and fine error (mean |cents| without gross errors)
+//     against them, per file.
 //
 // Figures, per method and file:
 //  - LSD (dB): 25 ms Hann frames (400 samples) every 5 ms from sample 0,
@@ -17,7 +24,7 @@
 //    frame's centre decides).
 //  - level (dB): 20 log10 of the RMS of the resynthesis over that of the
 //    recording (same span, the recording's length).
-//  - f0: the resynthesis re-analysed with getpitch; over the frames voiced in
+//  - f0: the resynthesis re-analysed with the same tracker; over the frames voiced in
 //    both tracks, the gross error rate (relative error above 20 %) and the
 //    median absolute relative error.
 //  - analysis RTF: seconds spent in waveform2cc per second of audio (one
@@ -44,7 +51,6 @@ namespace {
 
 constexpr double kFs = 16000.0;
 constexpr uint32_t kShift = 80;
-constexpr uint32_t kOrder = 39;
 constexpr double kAlpha = 0.42;
 constexpr double kF0Min = 60.0, kF0Max = 500.0;
 constexpr uint32_t kLsdFrame = 400, kLsdHop = 80;
@@ -85,6 +91,9 @@ double median(std::vector<double> v) {
   const size_t m = v.size() / 2;
   return v.size() % 2 ? v[m] : 0.5 * (v[m - 1] + v[m]);
 }
+
+using Tracker = int (*)(const double *, uint32_t, double, uint32_t, uint32_t, uint32_t, double, double, double *);
+Tracker gTracker = getpitchdp;
 
 Result compare(const std::vector<double> &x, const std::vector<double> &y, const std::vector<double> &f0x) {
   Result r;
@@ -128,7 +137,7 @@ Result compare(const std::vector<double> &x, const std::vector<double> &y, const
   r.level = 10.0 * std::log10(ey / ex);
 
   std::vector<double> f0y(f0x.size());
-  getpitch(y.data(), n, kFs, kShift, kShift, static_cast<uint32_t>(f0y.size()), kF0Min, kF0Max, f0y.data());
+  gTracker(y.data(), n, kFs, kShift, kShift, static_cast<uint32_t>(f0y.size()), kF0Min, kF0Max, f0y.data());
   std::vector<double> rel;
   uint32_t gross = 0;
   for (size_t k = 0; k < f0x.size(); ++k) {
@@ -148,11 +157,59 @@ void printrow(const char *method, const std::string &file, const Result &r) {
               r.ger, r.mre, r.rtf);
 }
 
+// Voicing decision error, gross pitch error (%) and fine error (mean |cents|
+// over the voiced-in-both frames without a gross error) of track f0 (frame k
+// centred on (k+1)*80) against the text track in path (frame t on 80 t).
+bool comparef0(const std::string &path, const std::vector<double> &f0, double out[3]) {
+  FILE *fp = std::fopen(path.c_str(), "r");
+  if (!fp) return false;
+  std::vector<double> ref;
+  double v;
+  while (std::fscanf(fp, "%lf", &v) == 1) ref.push_back(v);
+  std::fclose(fp);
+  size_t frames = 0, vdiff = 0, both = 0, gross = 0;
+  double cents = 0;
+  for (size_t k = 0; k < f0.size() && k + 1 < ref.size(); ++k, ++frames) {
+    const bool rv = ref[k + 1] > 0, ev = f0[k] > 0;
+    vdiff += rv != ev;
+    if (!(rv && ev)) continue;
+    ++both;
+    if (std::fabs(f0[k] / ref[k + 1] - 1.0) > kGross)
+      ++gross;
+    else
+      cents += std::fabs(1200.0 * std::log2(f0[k] / ref[k + 1]));
+  }
+  if (!frames) return false;
+  out[0] = 100.0 * vdiff / frames;
+  out[1] = both ? 100.0 * gross / both : NAN;
+  out[2] = both > gross ? cents / (both - gross) : NAN;
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
   std::vector<std::string> files;
-  for (int i = 1; i < argc; ++i) files.push_back(argv[i]);
+  uint32_t kOrder = 59;
+  std::string refdir;
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    if (a == "--pitch=0")
+      gTracker = getpitch;
+    else if (a == "--pitch=1")
+      gTracker = getpitchdp;
+    else if (a.rfind("--order=", 0) == 0)
+      kOrder = static_cast<uint32_t>(std::strtoul(a.c_str() + 8, nullptr, 10));
+    else if (a.rfind("--ref-f0=", 0) == 0)
+      refdir = a.substr(9);
+    else if (a.rfind("--", 0) == 0) {
+      std::printf("Unknown option %s\n", a.c_str());
+      return 1;
+    } else
+      files.push_back(a);
+  }
+  if (kOrder > 255) kOrder = 255;
+  std::vector<std::string> f0rows;
   if (files.empty()) {
     const std::filesystem::path dir = std::filesystem::path(KESTREL_SOURCE_DIR) / "examples" / "speech";
     for (const auto &e : std::filesystem::directory_iterator(dir))
@@ -176,7 +233,14 @@ int main(int argc, char **argv) {
     // (nframes + 1) * 80 + 1 >= n: the resynthesis covers the recording.
     const uint32_t nframes = (n > kShift + 1) ? (n - 1 + kShift - 1) / kShift - 1 : 1;
     std::vector<double> f0(nframes), fv(nframes);
-    getpitch(x.data(), n, kFs, kShift, kShift, nframes, kF0Min, kF0Max, f0.data());
+    gTracker(x.data(), n, kFs, kShift, kShift, nframes, kF0Min, kF0Max, f0.data());
+    double e[3];
+    const std::string stem = std::filesystem::path(files[fi]).stem().string();
+    if (!refdir.empty() && comparef0(refdir + "/" + stem + ".f0", f0, e)) {
+      char row[256];
+      std::snprintf(row, sizeof row, "| %s | %.1f | %.1f | %.1f |", stem.c_str(), e[0], e[1], e[2]);
+      f0rows.push_back(row);
+    }
     getfvoicing(x.data(), n, kFs, kShift, kShift, nframes, f0.data(), fv.data());
     const uint32_t len = getwaveformlength(kShift, nframes);
     for (uint8_t m = 0; m < 5; ++m) {
@@ -213,6 +277,10 @@ int main(int argc, char **argv) {
     }
     std::printf("| %s | %.2f | %.2f | %+.2f | %.1f | %.2f | %.3f |\n", kMethodNames[m], mean.lsdv, mean.lsdu, mean.level,
                 mean.ger, mean.mre, mean.rtf);
+  }
+  if (!f0rows.empty()) {
+    std::printf("\n| file | VDE (%%) | GPE (%%) | fine error (cents) |\n|---|---:|---:|---:|\n");
+    for (const std::string &r : f0rows) std::printf("%s\n", r.c_str());
   }
   return 0;
 }

@@ -12,12 +12,13 @@
 //    track (tests/support/synthutt.h: formant envelopes, fv 2-7 kHz, unvoiced
 //    gaps), with its f0 as built (gliding 80-300 Hz), replaced by a steady
 //    120 Hz, or by one glide 80 -> 400 Hz over the utterance.
-// Figures: GPE = frames voiced in both truth and estimate whose f0 is off by
-// more than 20 %, over those frames; VDE = frames whose voicing decision
-// differs, over all frames; fv error = median |estimate - truth| over frames
+// Figures, for getpitch and getpitchdp: GPE = frames voiced in both truth and
+// estimate whose f0 is off by more than 20 %, over those frames; VDE = frames
+// whose voicing decision differs, over all frames; fine = median |error| in
+// cents over the voiced-in-both frames without a gross error; fv error = median |estimate - truth| over frames
 // voiced in the truth, fv estimated with the true f0 track (so that it
 // measures the fv estimator alone); bias = median of estimate - truth.
-// getpitch searches 60 .. 500 Hz.
+// Both trackers search 60 .. 500 Hz; the recordings' statistics use getpitchdp.
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -25,6 +26,7 @@
 #include <cstdlib>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ccanalysis.h"
@@ -151,32 +153,43 @@ Truth synthcase(const char *name, uint64_t seed, int f0mode) {
   return t;
 }
 
+using Tracker = int (*)(const double *, uint32_t, double, uint32_t, uint32_t, uint32_t, double, double, double *);
+
 struct Scores {
-  double gpe, vde, fverr, fvbias;
-  size_t frames;
+  double gpe, vde, fine;
 };
 
-Scores evaluate(const Truth &t) {
+Scores evaluate(const Truth &t, Tracker tracker) {
   const uint32_t nframes = static_cast<uint32_t>(t.f0.size());
-  const uint32_t n = static_cast<uint32_t>(t.x.size());
-  std::vector<double> f0(nframes), fv(nframes);
-  getpitch(t.x.data(), n, kFs, kShift, kShift, nframes, 60, 500, f0.data());
-  getfvoicing(t.x.data(), n, kFs, kShift, kShift, nframes, t.f0.data(), fv.data());
+  std::vector<double> f0(nframes);
+  tracker(t.x.data(), static_cast<uint32_t>(t.x.size()), kFs, kShift, kShift, nframes, 60, 500, f0.data());
   size_t both = 0, gross = 0, vdiff = 0;
-  std::vector<double> err, bias;
+  std::vector<double> cents;
   for (uint32_t k = 0; k < nframes; ++k) {
     const bool tv = t.f0[k] > 0, ev = f0[k] > 0;
     vdiff += tv != ev;
     if (tv && ev) {
       ++both;
-      gross += std::fabs(f0[k] / t.f0[k] - 1) > 0.2;
+      if (std::fabs(f0[k] / t.f0[k] - 1) > 0.2)
+        ++gross;
+      else
+        cents.push_back(std::fabs(1200.0 * std::log2(f0[k] / t.f0[k])));
     }
-    if (tv) {
+  }
+  return {both ? 100.0 * gross / both : 0.0, 100.0 * vdiff / nframes, median(cents)};
+}
+
+// fv estimated with the true f0: median |error| and median bias, Hz.
+std::pair<double, double> evaluatefv(const Truth &t) {
+  const uint32_t nframes = static_cast<uint32_t>(t.f0.size());
+  std::vector<double> fv(nframes), err, bias;
+  getfvoicing(t.x.data(), static_cast<uint32_t>(t.x.size()), kFs, kShift, kShift, nframes, t.f0.data(), fv.data());
+  for (uint32_t k = 0; k < nframes; ++k)
+    if (t.f0[k] > 0) {
       err.push_back(std::fabs(fv[k] - t.fv[k]));
       bias.push_back(fv[k] - t.fv[k]);
     }
-  }
-  return {both ? 100.0 * gross / both : 0.0, 100.0 * vdiff / nframes, median(err), median(bias), nframes};
+  return {median(err), median(bias)};
 }
 
 }  // namespace
@@ -188,14 +201,15 @@ int main() {
   cases.push_back(synthcase("synthetic speech, steady 120 Hz", 3, 1));
   cases.push_back(synthcase("synthetic speech, glide 80-400 Hz", 4, 2));
 
-  std::printf("| signal (known truth) | frames | GPE %% | VDE %% | fv median abs. error, Hz | fv median bias, Hz |\n");
-  std::printf("|---|---:|---:|---:|---:|---:|\n");
+  std::printf("| signal (known truth) | frames | GPE %% | VDE %% | fine, cents | GPE %% (dp) | VDE %% (dp) "
+              "| fine, cents (dp) | fv median abs. error, Hz | fv median bias, Hz |\n");
+  std::printf("|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
   for (const Truth &t : cases) {
-    const Scores s = evaluate(t);
-    std::printf("| %s | %zu | %.1f | %.1f | %.0f | %+.0f |\n", t.name.c_str(), s.frames, s.gpe, s.vde, s.fverr,
-                s.fvbias);
+    const Scores a = evaluate(t, getpitch), b = evaluate(t, getpitchdp);
+    const std::pair<double, double> fv = evaluatefv(t);
+    std::printf("| %s | %zu | %.1f | %.1f | %.1f | %.1f | %.1f | %.1f | %.0f | %+.0f |\n", t.name.c_str(), t.f0.size(),
+                a.gpe, a.vde, a.fine, b.gpe, b.vde, b.fine, fv.first, fv.second);
   }
-
   const char *files[] = {"m_awb_arctic_a0007.wav", "m_aew_arctic_a0001.wav", "f_axb_arctic_a0004.wav",
                          "f_vctk_p225_001.wav"};
   std::printf("\n| recording (no ground truth) | seconds | voiced %% | median f0, Hz | median fv, Hz |\n");
@@ -210,7 +224,7 @@ int main() {
     }
     const uint32_t nframes = getnumanalysisframes(n, kShift, 0);
     std::vector<double> f0(nframes), fv(nframes);
-    getpitch(x, n, kFs, kShift, 0, nframes, 60, 500, f0.data());
+    getpitchdp(x, n, kFs, kShift, 0, nframes, 60, 500, f0.data());
     getfvoicing(x, n, kFs, kShift, 0, nframes, f0.data(), fv.data());
     std::free(x);
     std::vector<double> vf0, vfv;

@@ -15,6 +15,7 @@ gives the samples ``kestrelsyn`` writes, ``analyse(x, fs).save(prefix)`` the fil
 """
 from __future__ import annotations
 
+import os
 import operator
 import warnings
 from typing import Optional, Sequence, Tuple, Union
@@ -136,15 +137,16 @@ def countframes(nsamples: int, shift: int = 80) -> int:
     return _kestrel.countframes(_int("nsamples", nsamples, 1, 2**32 - 1), _int("shift", shift, 1, 2**32 - 1))
 
 
-def analyse(x: ArrayLike, fs: float, *, shift: int = 80, order: int = 39, alpha: float = 0.42,
-            method: int = 0, f0min: float = 60.0, f0max: float = 500.0, refine: bool = False,
-            hts_scale: bool = False, fv: bool = True) -> Features:
+def analyse(x: ArrayLike, fs: float, *, shift: int = 80, order: int = 59, alpha: float = 0.42,
+            method: int = 0, pitch: int = 1, f0min: float = 60.0, f0max: float = 500.0, refine: bool = False,
+            hts_scale: bool = False, fv: bool = True, threads: int = 1) -> Features:
     """Analyses a recording into log f0, warped cepstra and maximum voiced frequency.
 
     x: 1-D or (samples, channels) array of int16 (full scale 32768), int32 (2^31), float32
     or float64 (+-1.0), at any rate fs; channels are averaged and the result resampled to
     16 kHz as kestrelana does. Options are kestrelana's (shift is its --lframe, 1 ... 8000
-    samples at 16 kHz; method 0 ... 4; refine its --refine=1). hts_scale=True gives the
+    samples at 16 kHz; method 0 ... 4; pitch 1 the cross-correlation tracker, 0 the
+    autocorrelation one; refine its --refine=1; threads its --threads, 0 = all cores). hts_scale=True gives the
     cepstra as kestrelana writes them by default (c0 + 5, others doubled); either way
     Features.save writes the command's files. fv=False skips the voiced-frequency track.
     """
@@ -152,13 +154,17 @@ def analyse(x: ArrayLike, fs: float, *, shift: int = 80, order: int = 39, alpha:
     order = _int("order", order, 0, 255)
     alpha = _ranged("alpha", alpha, -0.99, 0.99)
     method = _int("method", method, 0, 4)
+    pitch = _int("pitch", pitch, 0, 1)
+    threads = _int("threads", threads, 0, 1024)
+    if threads == 0:
+        threads = os.cpu_count() or 1
     f0min = _ranged("f0min", f0min, 20.0, 1000.0)
     f0max = _ranged("f0max", f0max, 40.0, 2000.0)
     if not f0max > f0min:
         raise ValueError(f"f0max={f0max:g} must be above f0min={f0min:g}.")
     y = _mono16k(x, fs, "x")
     lf0, cc, fvtrack = _kestrel.analyse(y, shift, order, alpha, method, f0min, f0max, bool(refine),
-                                        bool(hts_scale), bool(fv), "x")
+                                        bool(hts_scale), bool(fv), "x", pitch, threads)
     return Features(lf0, cc, fvtrack, shift=shift, alpha=alpha, hts_scale=bool(hts_scale))
 
 

@@ -48,7 +48,7 @@ AnalysisStatus analyserecording(const double *x, uint32_t n, const AnalyserSetti
   f0 = std::vector<double>(nframes);
   out->cc = std::vector<double>(static_cast<size_t>(ncc));
   out->fv.clear();
-  getpitch(x, n, kAnalysisFs, shift, shift, nframes, s.f0min, s.f0max, f0.data());
+  (s.crosscorrelation ? getpitchdp : getpitch)(x, n, kAnalysisFs, shift, shift, nframes, s.f0min, s.f0max, f0.data());
   if (s.refine)
     refinepitch(x, n, kAnalysisFs, shift, shift, nframes, s.f0min, s.f0max, kRefineIterations, f0.data(), nullptr);
   if (withfv) {

@@ -23,11 +23,12 @@ constexpr uint64_t kMaxCepstralValues = uint64_t{1} << 28;
 // Options as checked by kestrelana (lframe 1..8000, order 0..255, ...).
 struct AnalyserSettings {
   uint32_t lframe = 80;
-  uint32_t order = 39;
+  uint32_t order = 59;
   double alpha = 0.42;
   uint8_t method = 0;
   double f0min = 60.0;
   double f0max = 500.0;
+  bool crosscorrelation = true;  // getpitchdp; false: the autocorrelation tracker getpitch
   bool refine = false;
   bool htsscale = true;
   uint32_t threads = 1;  // cepstral-analysis threads (same bits for any count)

@@ -95,13 +95,15 @@ void printhelp(const char *progpath) {
   std::printf("\n");
   std::printf("  Optional parameters and default values:\n");
   std::printf("   --lframe=80     Frame shift (samples at 16 kHz) [1...8000]\n");
-  std::printf("   --order=39      Cepstral order [0...255]\n");
+  std::printf("   --order=59      Cepstral order [0...255]\n");
   std::printf("   --alpha=0.42    All-pass (frequency-warping) factor [-0.99...0.99]\n");
   std::printf("   --method=0      Cepstral method [0...4]: 0 harmonic envelope,\n");
   std::printf("                   1 discrete cepstrum, 2 quasi-harmonic discrete cepstrum,\n");
   std::printf("                   3 signal spectrum, 4 SEEVOC envelope\n");
   std::printf("   --f0min=60      Lowest f0 (Hz) [20...1000]\n");
   std::printf("   --f0max=500     Highest f0 (Hz) [40...2000], above f0min\n");
+  std::printf("   --pitch=1       Pitch tracker [0...1]: 0 autocorrelation peaks,\n");
+  std::printf("                   1 cross-correlation, whole-utterance search\n");
   std::printf("   --refine=0      Pitch refinement by harmonic analysis [0...1]\n");
   std::printf("   --htsscale=1    Cepstra scaled for HTS modelling (c0+5, others x2) [0...1]\n");
   std::printf("   --indlist=      Index list for batch processing, e.g. 1-20,25 [none]\n");
@@ -124,11 +126,12 @@ void printhelp(const char *progpath) {
 // bits is range-checked as given rather than wrapped.
 struct Settings {
   long long lframe = 80;
-  long long order = 39;
+  long long order = 59;
   double alpha = 0.42;
   long long method = 0;
   double f0min = 60.0;
   double f0max = 500.0;
+  long long pitch = 1;
   long long refine = 0;
   long long htsscale = 1;
   const char *indlist = nullptr;
@@ -165,6 +168,7 @@ Settings readsettings(uint32_t nopts, char **opts) {
   searchwideint(nopts, opts, "method", &s.method);
   searchdoubleparam(nopts, opts, "f0min", &s.f0min);
   searchdoubleparam(nopts, opts, "f0max", &s.f0max);
+  searchwideint(nopts, opts, "pitch", &s.pitch);
   searchwideint(nopts, opts, "refine", &s.refine);
   searchwideint(nopts, opts, "htsscale", &s.htsscale);
   s.indlist = searchstringparam(nopts, opts, "indlist");
@@ -188,7 +192,8 @@ bool checksettings(const Settings &s) {
   if (!checkint("lframe", s.lframe, 1, 8000) || !checkint("order", s.order, 0, 255) ||
       !checkdouble("alpha", s.alpha, -0.99, 0.99) || !checkint("method", s.method, 0, 4) ||
       !checkdouble("f0min", s.f0min, 20.0, 1000.0) || !checkdouble("f0max", s.f0max, 40.0, 2000.0) ||
-      !checkint("refine", s.refine, 0, 1) || !checkint("htsscale", s.htsscale, 0, 1))
+      !checkint("pitch", s.pitch, 0, 1) || !checkint("refine", s.refine, 0, 1) ||
+      !checkint("htsscale", s.htsscale, 0, 1))
     return false;
   if (!(s.f0max > s.f0min)) {
     printerror("--f0max=%g must be above --f0min=%g.", s.f0max, s.f0min);
@@ -507,6 +512,7 @@ double processutterance(const FileNames &names, const Settings &s, Log &log) {
   as.method = static_cast<uint8_t>(s.method);
   as.f0min = s.f0min;
   as.f0max = s.f0max;
+  as.crosscorrelation = s.pitch == 1;
   as.refine = s.refine == 1;
   as.htsscale = s.htsscale == 1;
   as.threads = s.batch.threads;

@@ -59,6 +59,7 @@ constexpr double kRidge = 1e-9;
 constexpr int kQhmFits = 3;
 constexpr double kMaxCorrection = 0.5;
 constexpr double kSeriesTolerance = 0.1;
+constexpr double kMinSeparation = 0.75;
 constexpr uint64_t kMaxAreaDoubles = uint64_t(1) << 25;  // 256 MiB
 
 uint32_t kindof(const void *area) {
@@ -689,11 +690,22 @@ bool runqhm(const double *x, uint32_t n, double fs, uint32_t centre, double f0, 
     // instead of wandering.
     const double w0r = refinedw0(w, coef, K, fr->h, w0);
     const double base = (w0r > 0.0) ? w0r : w0;
+    // Components also keep their order, at least kMinSeparation * w0 apart
+    // and below Nyquist with room for the ones above them. Two components
+    // pushed onto one frequency (a refined f0 a little high moves the top
+    // harmonics past Nyquist, where they would stay at their start, right on
+    // a lower one) make the normal matrix singular: their amplitudes then
+    // grow without bound in opposite signs.
+    const double sep = kMinSeparation * w0;
     for (uint32_t k = 0; k < K; ++k) {
       const double nominal = static_cast<double>(k + 1) * base;
       double wk = w[k] + clampabs(mismatch(coef + 4 * k, fr->h), kMaxCorrection * w0);
       wk = nominal + clampabs(wk - nominal, kSeriesTolerance * base);
-      if (!(wk > 0.0 && wk < kPi)) wk = w[k];
+      if (!std::isfinite(wk)) wk = w[k];
+      const double lo = (k == 0) ? sep : w[k - 1] + sep;
+      const double hi = kPi * (1.0 - 1e-9) - static_cast<double>(K - 1 - k) * sep;
+      if (wk > hi) wk = hi;
+      if (wk < lo) wk = lo;
       w[k] = wk;
     }
   }

@@ -11,7 +11,8 @@
 //    power is spread as a density over its band: a harmonic of amplitude a
 //    reads log(a / (2 sqrt(f0))), exactly what the synthesis turns back into
 //    amplitude a. Cepstral liftering of the log then no longer averages the
-//    deep valleys between harmonics into the level.
+//    deep valleys between harmonics into the level. Below the fundamental it
+//    holds the level of the first harmonic's band.
 //  - getseevoclogspectrum: spectral-envelope estimation by peak picking
 //    (D. B. Paul, "The spectral envelope estimation vocoder", IEEE Trans.
 //    ASSP, 1981): the largest periodogram peak in [f0/2, 3f0/2], then in each
@@ -226,6 +227,13 @@ int getsignallogspectrum(const double *x, uint32_t n, double fs, uint32_t c, dou
     }
     out[k] = logdensity(wt > 0.0 ? acc / wt : P[k], floor, scale);
   }
+  // Below the fundamental a voiced frame has nothing to describe, and the
+  // steep edge there (the mean removed, the hum filtered off) would ring
+  // through a cepstrum cut short at high pitch, across the whole band: hold
+  // the level of the first harmonic's band instead.
+  const double first = std::floor(f0 / df);
+  const uint32_t k1 = first < static_cast<double>(h - 1) ? static_cast<uint32_t>(first) : h - 1;
+  for (uint32_t k = 1; k < k1; ++k) out[k] = out[k1];
   finishsymmetric(out, nfft);
   return 0;
 }

@@ -24,6 +24,15 @@ KESTREL_API uint32_t scalelogpitchrange(uint32_t n, double *track, double factor
  * window (3 periods of f0min, made odd) is under 5 or over 2^20 samples. */
 KESTREL_API int getpitch(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,
                          uint32_t nframes, double f0min, double f0max, double *f0);
+/* f0 track as getpitch gives it (same arguments, frame grid and defaults),
+ * from normalised cross-correlation candidates and a voicing score per
+ * frame, chosen by dynamic programming over the whole utterance: fewer
+ * voiced frames lost and fewer octave jumps. 0, or -1 (f0 all 0) when
+ * fs is not positive and finite, shift is 0, f0max is infinite, or the
+ * window (25 ms, at least 1.5 periods of f0min) plus the longest lag exceeds
+ * 2^20 samples. */
+KESTREL_API int getpitchdp(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,
+                           uint32_t nframes, double f0min, double f0max, double *f0);
 /* Circular autocorrelation of nfft interleaved complex values in place
  * (real parts hold the result, scaled by nfft; imaginary parts 0). 0, or -1
  * when nfft is not a power of two up to 2^30 (buf untouched). */

@@ -125,8 +125,8 @@ TEST_F(KestrelanaCli, HelpListsEveryOptionInAnAlignedTable) {
   EXPECT_NE(r.out.find("\n  === KESTRELANA16 v0.99 ===\n"), std::string::npos);
   EXPECT_NE(r.out.find("\n   kestrelana filewav filef0 filecc [filefv] [params]\n"), std::string::npos);
   size_t column = 0;
-  for (const std::string opt : {"--lframe=80 ", "--order=39 ", "--alpha=0.42 ", "--method=0 ", "--f0min=60 ",
-                                "--f0max=500 ", "--refine=0 ", "--htsscale=1 ", "--indlist= "}) {
+  for (const std::string opt : {"--lframe=80 ", "--order=59 ", "--alpha=0.42 ", "--method=0 ", "--f0min=60 ",
+                                "--f0max=500 ", "--pitch=1 ", "--refine=0 ", "--htsscale=1 ", "--indlist= "}) {
     const size_t at = r.out.find("\n   " + opt);
     ASSERT_NE(at, std::string::npos) << opt;
     const std::string line = r.out.substr(at + 1, r.out.find('\n', at + 1) - at - 1);
@@ -150,7 +150,7 @@ TEST_F(KestrelanaCli, ArgumentErrorsExit255WithoutOutput) {
            {"--order=256", "0...255"}, {"--alpha=0.995", "-0.99...0.99"}, {"--alpha=-1", "-0.99...0.99"},
            {"--alpha=nan", "-0.99...0.99"}, {"--method=5", "0...4"}, {"--method=-1", "0...4"},
            {"--f0min=19.9", "20...1000"}, {"--f0min=1001", "20...1000"}, {"--f0max=39", "40...2000"},
-           {"--f0max=2000.5", "40...2000"}, {"--refine=2", "0...1"}, {"--htsscale=-1", "0...1"},
+           {"--f0max=2000.5", "40...2000"}, {"--refine=2", "0...1"}, {"--pitch=2", "0...1"}, {"--htsscale=-1", "0...1"},
            {"--htsscale=2", "0...1"}, {"--order=4294967297", "0...255"}, {"--lframe=4294967376", "1...8000"},
            {"--method=4294967296", "0...4"}, {"--refine=-4294967295", "0...1"}})  // not wrapped to 32 bits
     rows.push_back({W + o.first, "Error: " + std::string(o.first) + " is out of range [" + o.second + "].\n"});
@@ -163,10 +163,10 @@ TEST_F(KestrelanaCli, OptionsAtTheirLimitsAreAccepted) {
   const struct {
     const char *opts;
     uint32_t shift, order;
-  } rows[] = {{"", 80, 39}, {"--refine=1", 80, 39}, {"--order=0", 80, 0}, {"--ORDER=255", 80, 255},
-              {"--lframe=8000", 8000, 39}, {"--lframe=7", 7, 39}, {"--alpha=0.99", 80, 39},
-              {"--alpha=-0.99 --method=4", 80, 39}, {"--f0min=20 --f0max=2000 --refine=1", 80, 39},
-              {"--htsscale=0 --method=3", 80, 39}, {"--f0min=999 --f0max=1000 --method=2", 80, 39},
+  } rows[] = {{"", 80, 59}, {"--refine=1", 80, 59}, {"--pitch=0", 80, 59}, {"--order=0", 80, 0},
+              {"--ORDER=255", 80, 255}, {"--lframe=8000", 8000, 59}, {"--lframe=7", 7, 59}, {"--alpha=0.99", 80, 59},
+              {"--alpha=-0.99 --method=4", 80, 59}, {"--f0min=20 --f0max=2000 --refine=1", 80, 59},
+              {"--htsscale=0 --method=3", 80, 59}, {"--f0min=999 --f0max=1000 --method=2", 80, 59},
               {"--method=1 --order=24", 80, 24}};
   for (const auto &c : rows) {
     check(std::string("@/in.wav @/o.lf0 @/o.cc @/o.fv ") + c.opts, "");
@@ -190,7 +190,7 @@ TEST_F(KestrelanaCli, CopySynthesisOfARecordingKeepsLengthAlignmentAndLevel) {
   const uint32_t nframes = expectedframes(x.size(), 80);
   const std::vector<float> lf0 = floats("@/r.lf0"), fv = floats("@/r.fv");
   ASSERT_EQ(lf0.size(), nframes);
-  ASSERT_EQ(floats("@/r.cc").size(), 40u * nframes);
+  ASSERT_EQ(floats("@/r.cc").size(), 60u * nframes);
   ASSERT_EQ(fv.size(), nframes);
   const auto voiced = size_t(std::count_if(lf0.begin(), lf0.end(), [](float v) { return v > -1e10f; }));
   EXPECT_GT(voiced, nframes / 5);
@@ -219,7 +219,7 @@ TEST_F(KestrelanaCli, CopySynthesisOfARecordingKeepsLengthAlignmentAndLevel) {
   ASSERT_EQ(scaled.size(), plain.size());
   EXPECT_EQ(floats("@/p.lf0"), lf0);
   for (size_t i = 0; i < plain.size(); ++i)  // doubling is exact in float
-    ASSERT_TRUE(i % 40 ? scaled[i] == 2.0f * plain[i]
+    ASSERT_TRUE(i % 60 ? scaled[i] == 2.0f * plain[i]
                        : std::fabs(scaled[i] - (plain[i] + 5.0f)) <= 1e-5 * (1.0 + std::fabs(plain[i]))) << i;
   syn("@/p.lf0 @/p.cc @/r.fv @/p.wav --htsscale=0");
   const std::vector<double> yp = samples("@/p.wav");
@@ -277,7 +277,7 @@ TEST_F(KestrelanaCli, OtherFormatsAreResampledAndMixedDown) {
     const std::vector<double> y = samples(base + ".out.wav");
     if (!nref) refrms = rms(y), refhz = voicedmedian(lf0), nref = lf0.size();
     EXPECT_LE(std::abs(long(lf0.size()) - long(nref)), 1) << c.name;
-    ASSERT_EQ(floats(base + ".cc").size(), lf0.size() * 40) << c.name;
+    ASSERT_EQ(floats(base + ".cc").size(), lf0.size() * 60) << c.name;
     EXPECT_NEAR(voicedmedian(lf0), refhz, refhz * 0.005) << c.name;
     const double mixgain = (c.left + (c.layout.channels > 1 ? c.right : 0.0)) / c.layout.channels;
     EXPECT_NEAR(20.0 * std::log10(rms(y) / refrms), 20.0 * std::log10(mixgain), c.leveltol) << c.name;
@@ -417,7 +417,7 @@ TEST_F(KestrelanaCli, OutputProblemsLeaveEveryFileAsItWas) {
   std::ofstream(at("@/o.cc.kestrel-tmp0")) << "stale";
   check(W + "/dev/null @/o.cc /dev/null", "");
   EXPECT_FALSE(fs::exists(at("@/o.cc.kestrel-tmp0")));
-  EXPECT_EQ(floats("@/o.cc").size(), 40u * expectedframes(8000, 80));
+  EXPECT_EQ(floats("@/o.cc").size(), 60u * expectedframes(8000, 80));
   EXPECT_TRUE(fs::is_character_file("/dev/null"));
   // Outputs get the permissions of any file the user creates.
   std::ofstream(at("@/ref")) << "x";
