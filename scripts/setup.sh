@@ -3,7 +3,7 @@
 # Does nothing when everything is already there.
 set -euo pipefail
 
-packages=(g++ clang cmake make pkg-config libgtest-dev libbenchmark-dev libsndfile1-dev libsoxr-dev
+packages=(g++ clang cmake make pkg-config libgtest-dev libbenchmark-dev libsndfile1-dev libsoxr-dev bc time
           parallel munge slurmctld slurmd slurm-client)
 # The Python package (build, tests, plots, Dask batches, pip install in a venv).
 packages+=(python3-dev pybind11-dev python3-pybind11 python3-numpy python3-pytest python3-matplotlib

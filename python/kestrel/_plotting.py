@@ -15,9 +15,10 @@ _RANGE_DB = 80.0
 
 def _spectrogram(x: np.ndarray, fs: float):
     """Power in dB of 25 ms Hann frames every 5 ms; (times s, freqs Hz, dB[freq, time])."""
-    x = np.asarray(x, dtype=np.float64)
-    if x.dtype.kind == "i":
-        x = x / (32768.0 if x.dtype == np.int16 else 2147483648.0)
+    x = np.asarray(x)
+    # Integer samples at their full scale, as analyse reads them (int16 32768 = 1.0).
+    scale = {np.dtype(np.int16): 32768.0, np.dtype(np.int32): 2147483648.0}.get(x.dtype, 1.0)
+    x = x.astype(np.float64) / scale
     x = x.reshape(len(x), -1).mean(axis=1)
     win = int(round(0.025 * fs))
     hop = max(1, int(round(0.005 * fs)))
