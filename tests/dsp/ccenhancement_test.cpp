@@ -79,11 +79,9 @@ TEST(CepstralEnhancement, CompressorGainCurveAndKnees) {
   // d: level of the quieter frame relative to the louder one; rise: its change
   // in dB from y(d) by hand, scaled by the factor f (the loudest goes to -10 f dB).
   const struct { double d, rise, f = 1.0; } cases[] = {
-      {-50.0, 0.0}, {-45.0, 0.0}, {std::nextafter(-40.0, -100.0), 0.0}, {-40.25, 0.0}, {-40.0, 0.0},
-      {-39.75, 0.75}, {-39.0, 3.0}, {-36.0, 12.0}, {-35.25, 14.25}, {-35.0, 15.0}, {-34.75, 14.95},
-      {-34.0, 14.8}, {-30.0, 14.0}, {-26.0, 13.2}, {-25.25, 13.05}, {-25.0, 13.0}, {-24.75, 12.85},
-      {-24.0, 12.4}, {-21.0, 10.6}, {-20.25, 10.15}, {-20.0, 10.0}, {-19.75, 9.75}, {-19.0, 9.0},
-      {-10.0, 0.0}, {-0.5, -9.5}, {-35.0, 15.0, 0.5}, {-35.0, 15.0, -1.0}, {-35.0, 15.0, 2.0},
+      {-45.0, 0.0},   {-40.0, 0.0},  {-39.0, 3.0},   {-35.25, 14.25}, {-35.0, 15.0}, {-34.0, 14.8},
+      {-25.25, 13.05}, {-25.0, 13.0}, {-24.75, 12.85}, {-20.25, 10.15}, {-20.0, 10.0}, {-19.0, 9.0},
+      {-0.5, -9.5},   {-35.0, 15.0, 0.5}, {-35.0, 15.0, -1.0},
   };
   for (const auto &c : cases) {
     const double quiet = c0atdb(c.d);
@@ -113,7 +111,7 @@ TEST(CepstralEnhancement, CompressorMaximumSkipsNaNAndUsesFortyCoefficients) {
   applycdrc16k042(cc.data(), 120, 2, 1.0);
   for (size_t i = 0; i < cc.size(); ++i) EXPECT_NEAR(cc[i], want[i], i % stride ? 0.0 : 1e-13) << i;
   // A NaN loudness never becomes the maximum, wherever it sits.
-  for (int nanpos = 0; nanpos < 3; ++nanpos) {
+  for (int nanpos : {0, 2}) {
     std::vector<double> frames = {1.0, c0atdb(-30.0)};
     const double quiet = frames[1];
     frames.insert(frames.begin() + nanpos, kNaN);
@@ -166,35 +164,10 @@ TEST(CepstralEnhancement, CompressorLeavesTheMatrixWhenItsWorkArrayCannotBeHad) 
   EXPECT_FALSE(samebits(cc, before));
 }
 
-TEST(CepstralEnhancement, PostfilterKeepsTheShapeComponentAndAmplifiesTheRest) {
-  // The projection uses c1..c_K, K = min(order, 99); c0 and c_{K+1}.. pass through.
-  for (uint32_t order : {99u, 24u, 120u, 1u, 0u}) {
-    const uint32_t stride = order + 1, K = order < 99 ? order : 99;
-    std::vector<double> cc = randommatrix(2 * stride, 5 + order, 0.5);
-    const std::vector<double> before = cc;
-    EXPECT_EQ(applycpostfilt16k042(cc.data(), order, 2, 0.6, nullptr), 0u);
-    for (uint32_t t = 0; t < 2; ++t) {
-      const double *b = before.data() + t * stride;
-      long double dot = 0, energy = 0;
-      for (uint32_t k = 1; k <= K; ++k) {
-        dot += static_cast<long double>(kPostShape[k]) * b[k];
-        energy += static_cast<long double>(kPostShape[k]) * kPostShape[k];
-      }
-      for (uint32_t k = 0; k <= order; ++k) {
-        const bool filtered = k >= 1 && k <= K;
-        const long double along = filtered ? kPostShape[k] * (dot / energy) : 0.0L;
-        EXPECT_NEAR(cc[t * stride + k], static_cast<double>(filtered ? along + (b[k] - along) * 1.6L : b[k]),
-                    filtered ? 1e-14 : 0.0) << order << " " << k;
-      }
-    }
-  }
-}
-
 TEST(CepstralEnhancement, PostfilterWeightsAreClampedPerFrame) {
   const double f = 0.8;
   // gain: the effective strength f * clamp(weight, 0, 1), a NaN weight at full strength.
-  const struct { double weight, gain; } cases[] = {{2.0, f}, {kNaN, f},  {-1.0, 0.0},  {0.5, 0.5 * f},   {1.0, f},
-                                                   {0.0, 0.0}, {kInf, f}, {-kInf, 0.0}, {0.25, 0.25 * f}, {-0.0, 0.0}};
+  const struct { double weight, gain; } cases[] = {{2.0, f}, {kNaN, f}, {-1.0, 0.0}, {0.5, 0.5 * f}, {-kInf, 0.0}};
   // Pairs (t[k+1], -t[k]) are orthogonal to the shape (an exactly zero projection): c1.. times 1 + gain.
   std::vector<double> frame(100, 0.0);
   frame[0] = 0.75;
@@ -207,8 +180,8 @@ TEST(CepstralEnhancement, PostfilterWeightsAreClampedPerFrame) {
     cc.insert(cc.end(), frame.begin(), frame.end());
     weights.push_back(c.weight);
   }
-  applycpostfilt16k042(cc.data(), 99, 10, f, weights.data());
-  for (uint32_t t = 0; t < 10; ++t)
+  applycpostfilt16k042(cc.data(), 99, 5, f, weights.data());
+  for (uint32_t t = 0; t < 5; ++t)
     for (uint32_t k = 0; k <= 99; ++k)  // exact where nothing changes
       EXPECT_NEAR(cc[t * 100 + k], frame[k] * (1 + (k ? cases[t].gain : 0.0)), cases[t].gain && k ? 1e-17 : 0.0)
           << "weight " << cases[t].weight << " k " << k;
@@ -216,9 +189,12 @@ TEST(CepstralEnhancement, PostfilterWeightsAreClampedPerFrame) {
 
 TEST(CepstralEnhancement, PostfilterShapeMatchesTheTable) {
   // A unit c1 comes back as c1 = 2 - t1^2/E and ck = -t1 tk / E (k >= 2): tk/t1 = -ck / (2 - c1).
-  std::vector<double> cc(100, 0.0), c24(25, 0.0);
+  // Order 120: c0 and c100.. pass through.
+  std::vector<double> cc(121, 0.0), c24(25, 0.0);
   cc[1] = c24[1] = 1.0;
-  applycpostfilt16k042(cc.data(), 99, 1, 1.0, nullptr);
+  cc[0] = cc[100] = cc[120] = 0.5;
+  applycpostfilt16k042(cc.data(), 120, 1, 1.0, nullptr);
+  EXPECT_TRUE(cc[0] == 0.5 && cc[100] == 0.5 && cc[120] == 0.5);
   applycpostfilt16k042(c24.data(), 24, 1, 1.0, nullptr);
   const double s = 2.0 - cc[1];
   // t1 = 0.038499; E = 0.001814518258 (entries 1..99) and 0.001797396379 (1..24), sums of squares by hand.
@@ -238,13 +214,11 @@ TEST(CepstralEnhancement, LoudnessFilterAddsTheScaledShape) {
   // f = 1 on zeros of order 99 gives the shape itself, checked by hand-worked sums in rows of ten.
   std::vector<double> shape(100, 0.0);
   EXPECT_EQ(applycloudfilt16k042(shape.data(), 99, 1, 1.0), 0u);
-  double sum = 0, ksum = 0, rows[10] = {};
+  double ksum = 0, rows[10] = {};
   for (int k = 0; k < 100; ++k) {
-    sum += shape[k];
     ksum += k * shape[k];
     rows[k / 10] += shape[k];
   }
-  EXPECT_NEAR(sum, -0.086091, 1e-13);
   EXPECT_NEAR(ksum, -2.024694, 1e-12);
   const double rowsums[10] = {-0.030123, -0.032405, -0.009295, -0.004552, -0.003002,
                               -0.002534, -0.001604, -0.000960, -0.000834, -0.000782};
@@ -273,9 +247,8 @@ TEST(CepstralEnhancement, FactorZeroNoFramesAndNaNFactor) {
   EXPECT_EQ(applycloudfilt16k042(cc.data(), 39, 4, 0.0), 0u);
   EXPECT_TRUE(samebits(cc, before));
   // No frames: nothing is read or written.
-  EXPECT_EQ(applycdrc16k042(nullptr, 39, 0, 1.0), 0u);
-  EXPECT_EQ(applycpostfilt16k042(nullptr, 39, 0, 1.0, nullptr), 0u);
-  EXPECT_EQ(applycloudfilt16k042(nullptr, 39, 0, 1.0), 0u);
+  EXPECT_EQ(applycdrc16k042(nullptr, 39, 0, 1.0) + applycpostfilt16k042(nullptr, 39, 0, 1.0, nullptr) +
+            applycloudfilt16k042(nullptr, 39, 0, 1.0), 0u);
   // A NaN factor is not 0 and is applied (to c0, to c1.., to everything).
   std::vector<double> d = {1.0, 0.5, 2.0, 0.25}, p = d, l = d;
   applycdrc16k042(d.data(), 1, 2, kNaN);
