@@ -142,6 +142,12 @@ TEST(PitchFrontEnd, UpsamplingAndPreFilterOnSinusoids) {
       ASSERT_NEAR(y[i], std::sin(2 * kPi * 1000 * i / (L * 16000.0) + 0.3), 2e-3) << "L " << L << " i " << i;
     std::free(y);
   }
+  // The interpolation filter cuts at 0.4 fs: a 7 kHz tone is taken well down.
+  for (uint32_t i = 0; i < n; ++i) x[i] = std::sin(2 * kPi * 7000 * i / 16000);
+  double *y = upsampling(x.data(), n, 16000, 2), peak = 0;
+  for (uint32_t i = 200; i < 2 * n - 200; ++i) peak = std::max(peak, std::fabs(y[i]));
+  EXPECT_LT(peak, 0.1);
+  std::free(y);
   EXPECT_EQ(upsampling(x.data(), n, 16000, 0), nullptr);
   EXPECT_EQ(upsampling(x.data(), 0x80000000u, 16000, 2), nullptr);  // 2^32 samples
   EXPECT_EQ(upsampling(x.data(), n, 0, 2), nullptr);

@@ -233,11 +233,11 @@ TEST(GetFvoicing, UnvoicedFramesAndDegenerateInput) {
   std::vector<double> f0(90, 0.0), fv(90, -1);
   ASSERT_EQ(getfvoicing(x.data(), 8000, 16000, 80, 80, 90, f0.data(), fv.data()), 0);
   EXPECT_EQ(fv, std::vector<double>(90, 0.0));
-  // NaN, infinite and negative f0 are unvoiced; a frame past the end (centre 8140) is
-  // silent (1000); fewer frames than the median width stay unfiltered.
-  f0 = {kNaN, kInf, -100, 200};
-  ASSERT_EQ(getfvoicing(x.data(), 8000, 16000, 80, 7900, 4, f0.data(), fv.data()), 0);
-  EXPECT_EQ(std::vector<double>(fv.begin(), fv.begin() + 4), (std::vector<double>{0, 0, 0, 1000}));
+  // NaN and infinite f0 are unvoiced; frames past the end are silent (1000); fewer frames
+  // than the median width (5) stay unfiltered.
+  f0 = {kNaN, 200, kInf, 200};
+  ASSERT_EQ(getfvoicing(x.data(), 8000, 16000, 80, 8200, 4, f0.data(), fv.data()), 0);
+  EXPECT_EQ(std::vector<double>(fv.begin(), fv.begin() + 4), (std::vector<double>{0, 1000, 0, 1000}));
   // A voiced f0 needing a gigantic transform, or a bad rate, is refused with fv all 0.
   f0 = {200, 1e-6, 200};
   EXPECT_EQ(getfvoicing(x.data(), 8000, 16000, 80, 80, 3, f0.data(), fv.data()), -1);

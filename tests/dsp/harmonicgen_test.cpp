@@ -79,6 +79,10 @@ TEST(Resamplelogampenv, InterpolatesBetweenGridPointsAndHoldsBeyond) {
   std::vector<double> want = {1, 1, 1, 1, 1.25, 1.5, 1.75, 2, 2.5, 3, 3.5, 4, 5, 6, 7};
   want.resize(36, 8.0);
   EXPECT_EQ(out, want);
+  // Multiplied by the difference before dividing by the spacing: 1 * 7 / 3, not (1 / 3) * 7.
+  const double rise[] = {0.0, 7.0};
+  resamplelogampenv(3.0, rise, 2, 4.0, out.data(), 1);
+  EXPECT_EQ(out[0], 7.0 / 3.0);
   // One grid point: its value everywhere.
   const double single = -3.5;
   resamplelogampenv(100.0, &single, 1, 30.0, out.data(), 10);

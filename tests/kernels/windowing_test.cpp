@@ -30,6 +30,9 @@ TEST(Windowing, WindowsAgainstClosedForms) {
         EXPECT_NEAR(q[n], static_cast<double>(w[n] * -std::sin(ang)), 1e-15) << c.name << " N=" << N << " n=" << n;
       }
     }
+  double h[5];
+  winhanning(h, 5, 0);
+  EXPECT_TRUE(h[0] == 0.0 && h[2] == 1.0);  // cos(0) is exactly 1, cos(2 * (2pi/4)) rounds to exactly -1
 }
 
 TEST(Windowing, WindowedSegmentEdgesAndResult) {
@@ -96,6 +99,10 @@ TEST(Windowing, OverlapAddWeights) {
   frame.assign(5, 7.0);
   olatriang(out.data(), frame.data(), 2, 5, 7);
   EXPECT_EQ(out, (std::vector<double>{1, 1, 1, 1 + 7.0 / 3.0, 1 + 14.0 / 3.0, 8, 1 + 7.0 / 2.0, 1, 1}));
+  out.assign(4, 0.0);
+  frame.assign(3, 2.0);
+  olatriang(out.data(), frame.data(), 0, 0, 3);
+  EXPECT_EQ(out, (std::vector<double>{2.0, 2.0 * 2.0 / 3.0, 2.0 / 3.0, 0.0}));
   // Neighbouring frames at centres P and 2P, as the synthesis lays them, add
   // up to exactly the constant on P .. 2P-1.
   for (uint32_t P : {1u, 7u, 80u, 257u})

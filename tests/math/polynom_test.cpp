@@ -43,8 +43,8 @@ TEST(MedianElem, OddEvenNanAndEmpty) {
   // Even counts give the mean of the two middle values; NaNs rank above the numbers.
   const double nan = std::numeric_limits<double>::quiet_NaN();
   const struct { std::vector<double> v; double median; } cases[] = {
-      {{5}, 5}, {{9, 1, 4, 2, 3}, 3}, {{4, 1, 3, 2}, 2.5}, {{10, 0}, 5}, {{nan, 1, 2, nan, 3}, 3},
-      {{nan, 1, nan, nan, 3}, nan}};
+      {{5}, 5}, {{9, 1, 4, 2, 3}, 3}, {{4, 1, 3, 2}, 2.5}, {{10, 0}, 5}, {{6, 5, 4, 3, 2, 1}, 3.5},
+      {{1, 2, 3, 4, 5, 6}, 3.5}, {{nan, 1, 2, nan, 3}, 3}, {{nan, 1, nan, nan, 3}, nan}};
   for (const auto &c : cases) {
     std::vector<double> v = c.v;
     const double m = medianelem(v.data(), static_cast<uint32_t>(v.size()));
