@@ -95,14 +95,6 @@ std::vector<double> warpedcepstrum(const Env &logenv, uint32_t order, double alp
   return c;
 }
 
-// log|H(f)| of a warped cepstrum, evaluated with direct cos calls.
-inline double cepstralenvelope(const double *c, uint32_t order, double alpha, double fs, double f) {
-  const double wt = fwarp(2.0 * kSynthUttPi * f / fs, alpha);
-  double v = c[0];
-  for (uint32_t k = 1; k <= order; ++k) v += 2.0 * c[k] * std::cos(k * wt);
-  return v;
-}
-
 // Natural-log gain of a unit-DC-gain two-pole resonance (centre F, bandwidth B) at f.
 inline double resonancelog(double f, double F, double B, double fs) {
   const double r = std::exp(-kSynthUttPi * B / fs);
