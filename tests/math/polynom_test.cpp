@@ -15,8 +15,7 @@ namespace {
 TEST(Parabola, VertexOfParabolasWithKnownVertex) {
   // y(x) = k (x - x0)^2 + y0 sampled at -1, 0, 1; the last vertex lies outside the three points.
   const struct { double k, x0, y0; } cases[] = {
-      {-1.0, 0.0, 1.0}, {-2.0, 0.25, 0.9}, {-0.5, -0.4, 3.0}, {3.0, 0.1, -2.0}, {-1e-3, 0.49, 0.7}, {-10.0, -0.5, 0.0},
-      {0.75, 2.0, 1.0}};
+      {-2.0, 0.25, 0.9}, {3.0, 0.1, -2.0}, {-10.0, -0.5, 0.0}, {0.75, 2.0, 1.0}};
   for (const auto &c : cases) {
     SCOPED_TRACE(testing::Message() << "k=" << c.k << " x0=" << c.x0 << " y0=" << c.y0);
     double pts[3], coef[3], coef2[3];
@@ -44,8 +43,8 @@ TEST(MedianElem, OddEvenNanAndEmpty) {
   // Even counts give the mean of the two middle values; NaNs rank above the numbers.
   const double nan = std::numeric_limits<double>::quiet_NaN();
   const struct { std::vector<double> v; double median; } cases[] = {
-      {{5}, 5}, {{3, 1, 2}, 2}, {{9, 1, 4, 2, 3}, 3}, {{-1, -1, -1, 7, 7}, -1}, {{4, 1, 3, 2}, 2.5}, {{10, 0}, 5},
-      {{nan, 1, 2, nan, 3}, 3}, {{2, nan, 1, 0, 3}, 2}, {{nan, 1, nan, nan, 3}, nan}};
+      {{5}, 5}, {{9, 1, 4, 2, 3}, 3}, {{4, 1, 3, 2}, 2.5}, {{10, 0}, 5}, {{6, 5, 4, 3, 2, 1}, 3.5},
+      {{1, 2, 3, 4, 5, 6}, 3.5}, {{nan, 1, 2, nan, 3}, 3}, {{nan, 1, nan, nan, 3}, nan}};
   for (const auto &c : cases) {
     std::vector<double> v = c.v;
     const double m = medianelem(v.data(), static_cast<uint32_t>(v.size()));

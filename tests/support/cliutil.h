@@ -21,25 +21,18 @@
 #include <string>
 #include <vector>
 
+#include "support/scratchdir.h"
 #include "wavm1616io.h"
 
 namespace kestreltest {
 
 namespace fs = std::filesystem;
-using Bytes = std::vector<unsigned char>;
 
 struct Result {
   int status = -1;  // exit status, or 1000 + signal number
   std::string out, err;
 };
 
-inline Bytes readbytes(const std::string &p) {
-  std::ifstream in(p, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), {});
-}
-inline void writebytes(const std::string &p, const Bytes &b) {
-  std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char *>(b.data()), std::streamsize(b.size()));
-}
 inline std::vector<float> readfloats(const std::string &p) {
   const Bytes b = readbytes(p);
   std::vector<float> v(b.size() / 4);

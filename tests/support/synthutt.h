@@ -95,14 +95,6 @@ std::vector<double> warpedcepstrum(const Env &logenv, uint32_t order, double alp
   return c;
 }
 
-// log|H(f)| of a warped cepstrum, evaluated with direct cos calls.
-inline double cepstralenvelope(const double *c, uint32_t order, double alpha, double fs, double f) {
-  const double wt = fwarp(2.0 * kSynthUttPi * f / fs, alpha);
-  double v = c[0];
-  for (uint32_t k = 1; k <= order; ++k) v += 2.0 * c[k] * std::cos(k * wt);
-  return v;
-}
-
 // Natural-log gain of a unit-DC-gain two-pole resonance (centre F, bandwidth B) at f.
 inline double resonancelog(double f, double F, double B, double fs) {
   const double r = std::exp(-kSynthUttPi * B / fs);
@@ -256,27 +248,6 @@ inline bool writesynthutterance(const SynthUtterance &u, const std::string &dir,
                   writefloat32(p.fv, u.fv);
   if (files) *files = p;
   return ok;
-}
-
-// The utterance as the decoder holds it just before synthesis with default
-// options: values rounded to float32, cepstra rescaled (c0 - 5.0, ck * 0.5)
-// when they were written HTS-scaled, log f0 turned into Hz (0 unvoiced).
-inline SynthUtterance asdecoded(const SynthUtterance &u, bool htsscaled = true) {
-  SynthUtterance d = u;
-  auto f32 = [](double x) { return static_cast<double>(static_cast<float>(x)); };
-  for (size_t i = 0; i < d.logf0.size(); ++i) {
-    d.logf0[i] = f32(u.logf0[i]);
-    d.f0[i] = d.logf0[i] > kUnvoicedLogF0 ? std::exp(d.logf0[i]) : 0.0;
-  }
-  for (double &x : d.fv) x = f32(x);
-  if (htsscaled) {
-    const std::vector<double> s = htsscaledcc(u);
-    const size_t p1 = u.order + 1;
-    for (size_t i = 0; i < s.size(); ++i) d.cc[i] = (i % p1 == 0) ? f32(s[i]) - 5.0 : f32(s[i]) * 0.5;
-  } else {
-    for (double &x : d.cc) x = f32(x);
-  }
-  return d;
 }
 
 }  // namespace kestreltest
