@@ -27,8 +27,8 @@ def _spectrogram(x: np.ndarray, fs: float):
     nfr = max(1, (len(x) + hop - 1) // hop)
     idx = np.arange(win)[None, :] + hop * np.arange(nfr)[:, None]
     frames = pad[idx] * np.hanning(win)[None, :]
-    spec = np.abs(np.fft.rfft(frames, nfft, axis=1)) ** 2
-    db = 10.0 * np.log10(spec + 1e-12).T
+    power = np.abs(np.fft.rfft(frames, nfft, axis=1)) ** 2
+    db = 10.0 * np.log10(power + 1e-12).T
     return np.arange(nfr) * hop / fs, np.arange(nfft // 2 + 1) * fs / nfft, db
 
 
