@@ -1,6 +1,6 @@
 // libtime_eval: CPU time of the library calls behind the two commands, per
-// recording: analysis = getpitch (60..500 Hz) + getfvoicing + waveform2cc
-// (order 39, alpha 0.42, method 0), synthesis = cc2waveform with the fv track;
+// recording: analysis = getpitchdp (60..500 Hz) + getfvoicing + waveform2cc
+// (order 59, alpha 0.42, method 0), synthesis = cc2waveform with the fv track;
 // 80-sample frames at 16 kHz, as the commands' defaults.
 //
 //   libtime_eval REPEATS file.wav ...
@@ -24,7 +24,7 @@
 namespace {
 
 constexpr double kFs = 16000.0;
-constexpr uint32_t kShift = 80, kOrder = 39;
+constexpr uint32_t kShift = 80, kOrder = 59;
 
 double cpuseconds() {
   timespec t;
@@ -61,7 +61,7 @@ int main(int argc, char **argv) {
     std::vector<double> ana, syn;
     for (int r = 0; r < repeats; ++r) {
       const double t0 = cpuseconds();
-      getpitch(x.data(), n, kFs, kShift, kShift, nframes, 60.0, 500.0, f0.data());
+      getpitchdp(x.data(), n, kFs, kShift, kShift, nframes, 60.0, 500.0, f0.data());
       getfvoicing(x.data(), n, kFs, kShift, kShift, nframes, f0.data(), fv.data());
       waveform2cc(x.data(), n, kFs, kShift, kShift, nframes, f0.data(), kOrder, cc.data(), 0.42, 0);
       const double t1 = cpuseconds();
