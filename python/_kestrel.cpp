@@ -352,9 +352,85 @@ py::array_t<double> cc2waveform_(Array f0, Array cc, py::object fvobj, double fs
   return y;
 }
 
+// A streaming synthesis: the library's stream, frames in and samples out.
+class Stream {
+ public:
+  Stream(double fs, uint32_t shift, uint32_t order, double alpha, double f0min, bool hasfv, double c0min,
+         double c0max, uint32_t threads)
+      : order_(order), hasfv_(hasfv) {
+    checkrate(fs);
+    if (shift == 0) fail("shift must be at least 1.");
+    st_ = ccstreamopen(fs, shift, order, alpha, f0min, hasfv ? 1 : 0, c0min, c0max, threads);
+    if (!st_) fail("synthesis needs more working memory than allowed (1 GiB).");
+  }
+  ~Stream() { ccstreamclose(st_); }
+  Stream(const Stream &) = delete;
+  Stream &operator=(const Stream &) = delete;
+
+  // Pushes frames and returns the samples that became final.
+  py::array_t<double> push(Array f0, Array cc, py::object fvobj) {
+    const uint32_t n = count32(static_cast<size_t>(f0.size()), "f0");
+    if (cc.ndim() != 2 || static_cast<size_t>(cc.shape(0)) != n || static_cast<size_t>(cc.shape(1)) != order_ + 1u)
+      fail("f0 and cc have incompatible dimensions.");
+    Array fv;
+    if (hasfv_) {
+      if (fvobj.is_none()) fail("this stream was opened with an fv track: give fv.");
+      fv = fvobj.cast<Array>();
+      if (static_cast<size_t>(fv.size()) != n) fail("f0 and fv have incompatible dimensions.");
+    }
+    std::vector<double> cccopy(cc.data(), cc.data() + static_cast<size_t>(n) * (order_ + 1u));
+    int status;
+    {
+      py::gil_scoped_release release;
+      status = ccstreampush(st_, n, f0.data(), hasfv_ ? fv.data() : nullptr, cccopy.data());
+    }
+    if (status != 0) fail("the stream is finished, or out of memory.");
+    return pullall();
+  }
+  // Ends the stream and returns the remaining samples.
+  py::array_t<double> finish() {
+    ccstreamfinish(st_);
+    return pullall();
+  }
+
+ private:
+  py::array_t<double> pullall() {
+    std::vector<double> out;
+    {
+      py::gil_scoped_release release;
+      std::vector<double> buf(65536);
+      for (uint32_t got; (got = ccstreampull(st_, buf.data(), 65536)) > 0;)
+        out.insert(out.end(), buf.begin(), buf.begin() + got);
+    }
+    py::array_t<double> y = newarray(static_cast<uint32_t>(out.size()));
+    std::copy(out.begin(), out.end(), y.mutable_data());
+    return y;
+  }
+  CCSTREAM *st_ = nullptr;
+  uint32_t order_;
+  bool hasfv_;
+};
+
+// The utterance-wide values a stream needs: (lowest f0, c0 min, c0 max).
+py::tuple streamprescan(Array f0, Array cc, bool hasfv) {
+  const uint32_t n = count32(static_cast<size_t>(f0.size()), "f0");
+  if (cc.ndim() != 2 || static_cast<size_t>(cc.shape(0)) != n) fail("f0 and cc have incompatible dimensions.");
+  const uint32_t order = count32(static_cast<size_t>(cc.shape(1)), "cc") - 1u;
+  double f0min, c0min, c0max;
+  ccstreamprescan(n, f0.data(), cc.data(), order, hasfv ? 1 : 0, &f0min, &c0min, &c0max);
+  return py::make_tuple(f0min, c0min, c0max);
+}
+
 }  // namespace
 
 PYBIND11_MODULE(_kestrel, m) {
+  py::class_<Stream>(m, "Stream")
+      .def(py::init<double, uint32_t, uint32_t, double, double, bool, double, double, uint32_t>(), py::arg("fs"),
+           py::arg("shift"), py::arg("order"), py::arg("alpha"), py::arg("f0min"), py::arg("hasfv"),
+           py::arg("c0min"), py::arg("c0max"), py::arg("threads"))
+      .def("push", &Stream::push, py::arg("f0"), py::arg("cc"), py::arg("fv") = py::none())
+      .def("finish", &Stream::finish);
+  m.def("streamprescan", &streamprescan, py::arg("f0"), py::arg("cc"), py::arg("hasfv"));
   m.doc() = "Binding of the Kestrel library; use the kestrel package instead.";
   m.def("to16k", &to16k, py::arg("x"), py::arg("fs"), py::arg("name"));
   m.def("analyse", &analyse, py::arg("x"), py::arg("lframe"), py::arg("order"), py::arg("alpha"),

@@ -26,7 +26,7 @@ from . import _kestrel
 from .features import Features, read_wav, write_wav
 
 __all__ = [
-    "Features", "analyse", "synthesise", "getpitch", "getfvoicing", "waveform2cc", "cc2waveform",
+    "Features", "Stream", "analyse", "synthesise", "getpitch", "getfvoicing", "waveform2cc", "cc2waveform",
     "read_wav", "write_wav", "batch", "plot", "countframes",
 ]
 
@@ -293,6 +293,39 @@ def cc2waveform(f0: ArrayLike, cc: ArrayLike, fv: Optional[ArrayLike] = None, fs
     length = _int("length", length, 0, 2**28)
     fv = None if fv is None else _track(fv, "fv")
     return _kestrel.cc2waveform(f0, cc, fv, _real("fs", fs), shift, _real("alpha", alpha), length)
+
+
+class Stream:
+    """Streaming synthesis: cc2waveform's samples, frames in and samples out, with bounded memory.
+
+    The stream needs two utterance-wide values before its first frame: the lowest f0 (it sizes
+    the harmonic tables) and, without an fv track, the c0 range of the fv estimate.
+    Stream.prescan(f0, cc, has_fv) gives them from the whole f0 track and cepstra; pass them
+    here. push(f0, cc, fv) takes the next frames (f0 in Hz, cc rows of order + 1) and returns
+    the samples that became final (after frame i, samples up to (i + 1) * shift - 1);
+    finish() returns the rest. The concatenation equals cc2waveform(...) bit for bit, whatever
+    the chunks.
+    """
+
+    def __init__(self, *, order: int, f0min: float, c0min: float = 0.0, c0max: float = 0.0,
+                 has_fv: bool = True, fs: float = FS, shift: int = 80, alpha: float = 0.42, threads: int = 1):
+        self._s = _kestrel.Stream(_real("fs", fs), _int("shift", shift, 1, 2**32 - 1), _int("order", order, 0, 65535),
+                                  _real("alpha", alpha), _real("f0min", f0min), bool(has_fv), float(c0min),
+                                  float(c0max), _int("threads", threads, 0, 1024))
+        self._order = order
+
+    @staticmethod
+    def prescan(f0: ArrayLike, cc: ArrayLike, has_fv: bool = True) -> Tuple[float, float, float]:
+        """(f0min, c0min, c0max) of an utterance, for the Stream's constructor."""
+        f0 = _track(f0, "f0")
+        return _kestrel.streamprescan(f0, _cepstra(cc, f0.size), bool(has_fv))
+
+    def push(self, f0: ArrayLike, cc: ArrayLike, fv: Optional[ArrayLike] = None) -> np.ndarray:
+        f0 = _track(f0, "f0")
+        return self._s.push(f0, _cepstra(cc, f0.size), None if fv is None else _track(fv, "fv"))
+
+    def finish(self) -> np.ndarray:
+        return self._s.finish()
 
 
 from .batch import batch  # noqa: E402

@@ -238,3 +238,16 @@ def test_load_checks_the_order_and_short_fv(tmp_path, reference):
     with pytest.warns(RuntimeWarning, match="incompatible dimensions"):
         assert kestrel.Features.load(p).fv is None
     assert sorted(os.listdir(tmp_path)) == ["a.cc", "a.fv", "a.lf0"]  # no temporaries left
+
+
+@pytest.mark.parametrize("chunk", [1, 37, 5000])
+def test_stream_gives_cc2waveform_bits_for_any_chunking(reference, chunk):
+    f = reference
+    want = kestrel.cc2waveform(f.f0, f.cc, f.fv)
+    f0min, c0min, c0max = kestrel.Stream.prescan(f.f0, f.cc)
+    s = kestrel.Stream(order=f.order, f0min=f0min, c0min=c0min, c0max=c0max, threads=2)
+    parts = [s.push(f.f0[i:i + chunk], f.cc[i:i + chunk], f.fv[i:i + chunk]) for i in range(0, f.nframes, chunk)]
+    assert sum(p.size for p in parts) == f.nframes * 80  # final up to the last frame's start
+    assert np.array_equal(np.concatenate(parts + [s.finish()]), want)
+    with pytest.raises(ValueError, match="finished"):
+        s.push(f.f0[:1], f.cc[:1], f.fv[:1])
