@@ -290,7 +290,7 @@ uint32_t processutterance(const DecoderSettings &s, const Files &files, Log &log
     return 0;
   }
   if (nonfinite) msg::nonfinite(log, files.out);
-  if (status != 0 || !out->finish()) {
+  if (status != 0 || !out || !out->finish()) {
     msg::couldnotcreate(log, files.out);
     return 0;
   }
