@@ -99,13 +99,6 @@ double voicedmedian(const std::vector<float> &lf0, const std::vector<float> &fv 
   return v.empty() ? 0.0 : v[v.size() / 2];
 }
 
-// Energy of the first difference over the energy: rises with the spectrum's weight at high frequencies.
-double brightness(const std::vector<double> &x) {
-  double d = 0.0, e = 0.0;
-  for (size_t i = 1; i < x.size(); ++i) d += (x[i] - x[i - 1]) * (x[i] - x[i - 1]), e += x[i] * x[i];
-  return d / e;
-}
-
 class KestrelanaCli : public CliTest {
  protected:
   Result check(const std::string &s, const std::string &out, int status = 0) {
@@ -119,21 +112,16 @@ class KestrelanaCli : public CliTest {
   }
 };
 
-TEST_F(KestrelanaCli, HelpListsEveryOptionInAnAlignedTable) {
+TEST_F(KestrelanaCli, HelpListsEveryOptionWithItsDefaultAndRange) {
   const Result r = run(KESTRELANA_PATH, {});
   EXPECT_EQ(r.status, 0);
-  EXPECT_NE(r.out.find("\n  === KESTRELANA16 v0.99 ===\n"), std::string::npos);
-  EXPECT_NE(r.out.find("\n   kestrelana filewav filef0 filecc [filefv] [params]\n"), std::string::npos);
-  size_t column = 0;
-  for (const std::string opt : {"--lframe=80 ", "--order=59 ", "--alpha=0.42 ", "--method=0 ", "--f0min=60 ",
-                                "--f0max=500 ", "--pitch=1 ", "--refine=0 ", "--htsscale=1 ", "--indlist= "}) {
-    const size_t at = r.out.find("\n   " + opt);
-    ASSERT_NE(at, std::string::npos) << opt;
-    const std::string line = r.out.substr(at + 1, r.out.find('\n', at + 1) - at - 1);
-    if (!column) column = line.find_first_not_of(' ', 3 + opt.size());
-    EXPECT_EQ(line.find_first_not_of(' ', 3 + opt.size()), column) << line;
-    EXPECT_NE(line.find('['), std::string::npos) << "no range in: " << line;
-  }
+  for (const std::string line : {"  === KESTRELANA16 v0.99 ===", "   kestrelana filewav filef0 filecc [filefv] [params]",
+                                 "   --lframe=80     Frame shift (samples at 16 kHz) [1...8000]",
+                                 "   --order=59      Cepstral order [0...255]", "   --f0min=60      Lowest f0 (Hz) [20...1000]"})
+    EXPECT_NE(r.out.find("\n" + line + "\n"), std::string::npos) << line;
+  for (const std::string opt : {"--alpha=0.42 ", "--method=0 ", "--f0max=500 ", "--pitch=1 ", "--refine=0 ",
+                                "--htsscale=1 ", "--indlist= "})
+    EXPECT_NE(r.out.find("\n   " + opt), std::string::npos) << opt;
 }
 
 TEST_F(KestrelanaCli, ArgumentErrorsExit255WithoutOutput) {
@@ -205,15 +193,7 @@ TEST_F(KestrelanaCli, CopySynthesisOfARecordingKeepsLengthAlignmentAndLevel) {
   EXPECT_LT(std::fabs(20.0 * std::log10(rms(y) / rms(x))), 3.0);
   EXPECT_LE(std::abs(envelopelag(x, y)), 80);  // within one frame
 
-  // Positive fwarp lowers the synthesis alpha and moves the envelope up in
-  // frequency (a shorter vocal tract); negative fwarp moves it down.
-  syn("@/r.lf0 @/r.cc @/r.fv @/up.wav --fwarp=0.1");
-  syn("@/r.lf0 @/r.cc @/r.fv @/down.wav --fwarp=-0.1");
-  const double b = brightness(y), up = brightness(samples("@/up.wav")), down = brightness(samples("@/down.wav"));
-  EXPECT_GT(up, b * 1.03);
-  EXPECT_LT(down, b / 1.03);
-
-  // HTS scaling: c0 + 5 and the rest doubled, which kestrelsyn's default undoes.
+  // HTS scaling: c0 + 5 and the rest doubled (kestrelsyn's default undoes it, tested there).
   check(kRecording + " @/p.lf0 @/p.cc --htsscale=0", "");
   const std::vector<float> scaled = floats("@/r.cc"), plain = floats("@/p.cc");
   ASSERT_EQ(scaled.size(), plain.size());
@@ -221,10 +201,6 @@ TEST_F(KestrelanaCli, CopySynthesisOfARecordingKeepsLengthAlignmentAndLevel) {
   for (size_t i = 0; i < plain.size(); ++i)  // doubling is exact in float
     ASSERT_TRUE(i % 60 ? scaled[i] == 2.0f * plain[i]
                        : std::fabs(scaled[i] - (plain[i] + 5.0f)) <= 1e-5 * (1.0 + std::fabs(plain[i]))) << i;
-  syn("@/p.lf0 @/p.cc @/r.fv @/p.wav --htsscale=0");
-  const std::vector<double> yp = samples("@/p.wav");
-  ASSERT_EQ(yp.size(), y.size());
-  for (size_t i = 0; i < y.size(); ++i) ASSERT_NEAR(yp[i], y[i], 4.0 / 32768.0) << i;
 }
 
 TEST_F(KestrelanaCli, FrameGridFollowsLframeAndResynthesisLength) {
@@ -305,11 +281,6 @@ TEST_F(KestrelanaCli, BatchGoesOnPastAMissingFile) {
                                            "utt003.lf0", "utt003.cc", "utt003.fv"}));
   EXPECT_NEAR(voicedmedian(floats("@/utt001.lf0")), 120.0, 2.0);
   EXPECT_NEAR(voicedmedian(floats("@/utt003.lf0")), 240.0, 3.0);
-  // kestrelsyn reads the batch back.
-  expectrun(KESTRELSYN_PATH, "@/utt???.lf0 @/utt???.cc @/utt???.fv @/syn???.wav --indlist=1,3", 0,
-            "@/syn001.wav\n@/syn003.wav\n");
-  EXPECT_EQ(samples("@/syn001.wav").size(), (expectedframes(8000, 80) + 1u) * 80u + 1u);
-  EXPECT_EQ(samples("@/syn003.wav").size(), (expectedframes(11200, 80) + 1u) * 80u + 1u);
   // A placeholder too narrow for the index skips it instead of analysing the previous index's file again.
   writewav16k(at("@/n9.wav"), harmonicsignal(150.0, 16000.0, 0.3, 0.5));
   writewav16k(at("@/n10.wav"), harmonicsignal(150.0, 16000.0, 0.3, 0.5));

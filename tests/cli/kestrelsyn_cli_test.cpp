@@ -73,15 +73,14 @@ TEST_F(KestrelsynCli, ArgumentErrorsExit255WithoutOutput) {
                         "--fdur=infi", "--lframe=", "--lframe=abc", "--lframe", "--htsscale=on", "--indlist=",
                         "--fdur=2 --"})
     rows.push_back({F + o, kUsage});
-  for (const char *l : {"1,,2", "5-1", "1-5,5", "-1", "x", "1-100(2)", "4294967296", "1-99999999999", "1(2"})
+  for (const char *l : {"1,,2", "5-1", "4294967296"})  // the parser's own tests have the rest
     rows.push_back({F + "--indlist=" + l, I});
   // The final shift is trunc(fdur x lframe) in extended precision, taken as
   // unsigned 32 bits; the message gives it as computed from the lframe given.
   for (const auto &s : std::vector<std::pair<const char *, const char *>>{
-           {"--lframe=0", "0"}, {"--lframe=0x", "0"}, {"--lframe=-80", "-80"},
-           {"--lframe=1 --fdur=0.25", "0"}, {"--lframe=1048577", "1048577"},
+           {"--lframe=0", "0"}, {"--lframe=-80", "-80"}, {"--lframe=1 --fdur=0.25", "0"},
            {"--lframe=4194308 --fdur=0.25", "1048577"}, {"--lframe=2147483648 --fdur=2", "4294967296"},
-           {"--lframe=-1 --fdur=0.5", "0"}, {"--lframe=99999999999999", "99999999999999"}})
+           {"--lframe=99999999999999", "99999999999999"}})
     rows.push_back({F + s.first, std::string("Error: frame shift of ") + s.second +
                                      " samples out of range (1 to 1048576).\n"});
   for (const auto &row : rows) {
@@ -94,23 +93,19 @@ TEST_F(KestrelsynCli, LengthFollowsTheFrameShiftAndRunsAreDeterministic) {
   writeutt("u", makefeatures(6));
   const std::pair<const char *, uint32_t> rows[] = {
       {"", 80}, {"--fdur=1.3", 104}, {"--fdur=0.3", 23}, {"--fdur=0.7", 55},  // 24 and 56 in double
-      {"--fdur=10", 320}, {"--fdur=0.1", 20}, {"--fdur=nan", 320}, {"--fdur=inf", 320}, {"--fdur=-inf", 20},
-      {"--fdur=4", 320}, {"--fdur=0.25", 20}, {"--lframe=100 --fdur=2", 200}, {"--lframe=80abc", 80},
-      {"--LFRAME=40", 40}, {"--FDur=1.5x", 120}, {"--fdur=0x1p1", 160}, {"--lframe=3 --fdur=4", 12},
-      {"--lframe=4 --fdur=0.25", 1}, {"--lframe=-2147483647 --fdur=2", 2}};  // 2^32 + 2
+      {"--fdur=10", 320}, {"--fdur=0.1", 20}, {"--fdur=nan", 320}, {"--fdur=-inf", 20}, {"--lframe=80abc", 80},
+      {"--LFRAME=40", 40}, {"--FDur=1.5x", 120}, {"--fdur=0x1p1", 160}, {"--lframe=4 --fdur=0.25", 1},
+      {"--lframe=-2147483647 --fdur=2", 2}};  // 2^32 + 2
   for (const auto &row : rows) {
     check(std::string("@/u.lf0 @/u.cc @/d.wav ") + row.first, "");
     wav("@/d.wav", 7 * row.second + 1);
   }
   for (const std::string fv : {"", "@/u.fv "}) {
     check("@/u.lf0 @/u.cc " + fv + "@/a.wav", "");
-    check("@/u.lf0 @/u.cc " + fv + "@/b.wav", "");
-    EXPECT_EQ(bytes("@/a.wav"), bytes("@/b.wav")) << "two runs differ";
+    check("@/u.lf0 @/u.cc " + fv + "@/" + (fv.empty() ? "nofv" : "fv") + ".wav", "");
+    EXPECT_EQ(bytes("@/a.wav"), bytes(fv.empty() ? "@/nofv.wav" : "@/fv.wav")) << "two runs differ";
     const std::vector<int> s = wav("@/a.wav", 7 * 80 + 1);
-    EXPECT_EQ(s.front(), 0);
-    EXPECT_EQ(s.back(), 0);
-    EXPECT_TRUE(std::any_of(s.begin(), s.end(), [](int v) { return v != 0; })) << "silent output";
-    fs::rename(at("@/a.wav"), at(fv.empty() ? "@/nofv.wav" : "@/fv.wav"));
+    EXPECT_TRUE(s.front() == 0 && s.back() == 0 && std::any_of(s.begin(), s.end(), [](int v) { return v != 0; }));
   }
   EXPECT_NE(bytes("@/fv.wav"), bytes("@/nofv.wav"));
   writeutt("one", makefeatures(1));
@@ -123,7 +118,6 @@ TEST_F(KestrelsynCli, LengthFollowsTheFrameShiftAndRunsAreDeterministic) {
 TEST_F(KestrelsynCli, UtteranceMessages) {
   writeutt("u", makefeatures(5));
   writefloats(at("@/empty.bin"), {});
-  writebytes(at("@/three.bin"), {1, 2, 3});
   writefloats(at("@/cc11.bin"), std::vector<float>(11, 0.1f));  // not a multiple of 5
   writefloats(at("@/cc3.bin"), std::vector<float>(3, 0.1f));    // fewer values than frames
   writefloats(at("@/cc5.bin"), std::vector<float>(5, 0.1f));    // order 0
@@ -146,44 +140,36 @@ TEST_F(KestrelsynCli, UtteranceMessages) {
   writefloats(at("@/g.cc"), std::vector<float>(2 * 100001, 0.0f));
   check("@/u.lf0 @/u.cc @/nofv.wav", "");
   check("@/u.lf0 @/u.cc @/u.fv @/fv.wav", "");
-  const std::string U = "@/u.lf0 @/u.cc ", big = " @/o.wav --lframe=1048576";
-  const struct {
-    std::string cmd, message, same;  // same: "" no output, "*" any output of the right length
-  } rows[] = {
-      {"@/missing.lf0 @/u.cc @/o.wav", "Error: could not open @/missing.lf0.\n", ""},
-      {"@/empty.bin @/u.cc @/o.wav", "Error: could not open @/empty.bin.\n", ""},
-      {"@/three.bin @/u.cc @/o.wav", "Error: could not open @/three.bin.\n", ""},
-      {"@ @/u.cc @/o.wav", "Error: could not open @.\n", ""},
-      {"@/u.lf0 @/missing.cc @/o.wav", "Error: could not open @/missing.cc.\n", ""},
-      {"@/u.lf0 @/empty.bin @/o.wav", "Error: could not open @/empty.bin.\n", ""},
-      {"@/u.lf0 @/cc11.bin @/o.wav", "Error: @/u.lf0 and @/cc11.bin have incompatible dimensions.\n", ""},
-      {"@/u.lf0 @/cc3.bin @/o.wav", "Error: @/u.lf0 and @/cc3.bin have incompatible dimensions.\n", ""},
+  auto E = [](const std::string &m) { return "Error: " + m + ".\n"; };
+  auto W = [](const std::string &m) { return "Warning: " + m + ".\n"; };
+  const std::string U = "@/u.lf0 @/u.cc ", big = " @/o.wav --lframe=1048576", dims = " have incompatible dimensions",
+                    both = " is both an input and the output", nf = " holds values that are not finite numbers",
+                    n255 = "@/n255.lf0 would need 268435457 output samples (limit 268435456)";
+  // same: "" no output, "*" any output of the right length, else the file it equals.
+  const struct { std::string cmd, message, same; } rows[] = {
+      {"@/missing.lf0 @/u.cc @/o.wav", E("could not open @/missing.lf0"), ""},
+      {"@/empty.bin @/u.cc @/o.wav", E("could not open @/empty.bin"), ""},
+      {"@/u.lf0 @/missing.cc @/o.wav", E("could not open @/missing.cc"), ""},
+      {"@/u.lf0 @/cc11.bin @/o.wav", E("@/u.lf0 and @/cc11.bin" + dims), ""},
+      {"@/u.lf0 @/cc3.bin @/o.wav", E("@/u.lf0 and @/cc3.bin" + dims), ""},
       {"@/u.lf0 @/cc5.bin @/o.wav", "", "*"},
-      // (255 + 1) 2^20 + 1 is one over the limit; 4096 x 2^20 + 1 would wrap to 1 in 32 bits.
-      {"@/n255.lf0 @/n255.cc" + big, "Error: @/n255.lf0 would need 268435457 output samples (limit 268435456).\n", ""},
-      {"@/n4095.lf0 @/n4095.cc" + big,
-       "Error: @/n4095.lf0 would need 4294967297 output samples (limit 268435456).\n", ""},
-      {"@/n255.lf0 @/n255.cc @/nofile.fv" + big,  // before the fv file is looked at
-       "Error: @/n255.lf0 would need 268435457 output samples (limit 268435456).\n", ""},
-      {U + "@/missing.fv @/o.wav", "Warning: could not open @/missing.fv.\n", "@/nofv.wav"},
-      {U + "@/empty.bin @/o.wav", "Warning: could not open @/empty.bin.\n", "@/nofv.wav"},
-      {U + "@/fvshort.bin @/o.wav", "Warning: @/u.lf0 and @/fvshort.bin have incompatible dimensions.\n", "@/nofv.wav"},
-      {U + "@/fvlong.bin @/o.wav", "", "@/fv.wav"},
-      {U + "@/no/dir/o.wav", "Error: could not create @/no/dir/o.wav.\n", ""},
-      {U + "@", "Error: could not create @.\n", ""},
+      // (255 + 1) 2^20 + 1 is one over the limit; 4096 x 2^20 + 1 would wrap to 1 in 32 bits;
+      // the length is checked before the fv file is looked at.
+      {"@/n255.lf0 @/n255.cc" + big, E(n255), ""}, {"@/n255.lf0 @/n255.cc @/nofile.fv" + big, E(n255), ""},
+      {"@/n4095.lf0 @/n4095.cc" + big, E("@/n4095.lf0 would need 4294967297 output samples (limit 268435456)"), ""},
+      {U + "@/missing.fv @/o.wav", W("could not open @/missing.fv"), "@/nofv.wav"},
+      {U + "@/fvshort.bin @/o.wav", W("@/u.lf0 and @/fvshort.bin" + dims), "@/nofv.wav"},
+      {U + "@/fvlong.bin @/o.wav", "", "@/fv.wav"}, {U + "@/no/dir/o.wav", E("could not create @/no/dir/o.wav"), ""},
       // An output naming an input, also through a link, is refused before anything is read.
-      {U + "@/u.cc", "Error: @/u.cc is both an input and the output.\n", ""},
-      {U + "@/u.fv @/u.fv", "Error: @/u.fv is both an input and the output.\n", ""},
-      {U + "@/link.wav", "Error: @/link.wav is both an input and the output.\n", ""},
-      // Non-finite features: NaN or +inf log f0 and any in the cepstra end the
-      // utterance, -inf log f0 is unvoiced, an fv track with them is not used.
-      {"@/nan.lf0 @/u.cc @/o.wav", "Error: @/nan.lf0 holds values that are not finite numbers.\n", ""},
-      {"@/inf.lf0 @/u.cc @/o.wav", "Error: @/inf.lf0 holds values that are not finite numbers.\n", ""},
-      {"@/u.lf0 @/nan.cc @/o.wav", "Error: @/nan.cc holds values that are not finite numbers.\n", ""},
-      {"@/minf.lf0 @/u.cc @/o.wav", "", "@/nofv.wav"},
-      {U + "@/nan.fv @/o.wav", "Warning: @/nan.fv holds values that are not finite numbers.\n", "@/nofv.wav"},
+      {U + "@/u.cc", E("@/u.cc" + both), ""}, {U + "@/u.fv @/u.fv", E("@/u.fv" + both), ""},
+      {U + "@/link.wav", E("@/link.wav" + both), ""},
+      // NaN or +inf log f0 and any non-finite cepstrum end the utterance,
+      // -inf log f0 is unvoiced, an fv track with them is not used.
+      {"@/nan.lf0 @/u.cc @/o.wav", E("@/nan.lf0" + nf), ""}, {"@/inf.lf0 @/u.cc @/o.wav", E("@/inf.lf0" + nf), ""},
+      {"@/u.lf0 @/nan.cc @/o.wav", E("@/nan.cc" + nf), ""}, {"@/minf.lf0 @/u.cc @/o.wav", "", "@/nofv.wav"},
+      {U + "@/nan.fv @/o.wav", W("@/nan.fv" + nf), "@/nofv.wav"},
       // A synthesis work area beyond 1 GiB (2 frames at 10.5 Hz, order 100000).
-      {"@/g.lf0 @/g.cc @/o.wav", "Error: synthesis of @/g.lf0 failed (work area above 1 GiB or out of memory).\n", ""},
+      {"@/g.lf0 @/g.cc @/o.wav", E("synthesis of @/g.lf0 failed (work area above 1 GiB or out of memory)"), ""},
   };
   for (const auto &row : rows) {
     check(row.cmd, row.message);
