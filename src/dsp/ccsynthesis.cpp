@@ -49,37 +49,55 @@ inline double hpgain(double f, double flo, double fc) {
   return (1 - (f - flo) / (fc - flo)) * kHpGainKnee;
 }
 
+typedef double v2d __attribute__((vector_size(16)));  // lane-wise IEEE arithmetic
+
+// Rows of a matrix stored four at a time, column by column: row 4g + l,
+// column k at [(g * n + k) * 4 + l]. Rows past the last one are zero.
+constexpr uint32_t kLanes = 4;
+
+void interleaverows(const double *M, uint32_t m, uint32_t n, double *out) {
+  const uint64_t groups = (static_cast<uint64_t>(m) + kLanes - 1) / kLanes;
+  for (uint64_t g = 0; g < groups; ++g)
+    for (uint32_t k = 0; k < n; ++k)
+      for (uint32_t l = 0; l < kLanes; ++l) {
+        const uint64_t row = g * kLanes + l;
+        out[(g * n + k) * kLanes + l] = row < m ? M[row * n + k] : 0.0;
+      }
+}
+
 // r[i] = sum_k x[k]*M[i][k], k ascending from 0.0, as prodmat(M, x, r, m, n, 1)
-// computes it; four rows at a time so that the independent sums overlap.
-void matvec(const double *M, const double *x, double *r, uint32_t m, uint32_t n) {
-  uint32_t i = 0;
-  for (; i + 4 <= m; i += 4) {
-    const double *a0 = M + static_cast<uint64_t>(i) * n;
-    const double *a1 = a0 + n;
-    const double *a2 = a1 + n;
-    const double *a3 = a2 + n;
-    double r0 = 0, r1 = 0, r2 = 0, r3 = 0;
+// computes it, with M interleaved by interleaverows: the rows of a group are
+// the lanes of two SSE2 registers, each lane its own sum in its own order.
+void matvecinterleaved(const double *Mi, const double *x, double *r, uint32_t m, uint32_t n) {
+  const uint32_t groups = (m + kLanes - 1) / kLanes;
+  uint32_t g = 0;
+  for (; g + 2 <= groups; g += 2) {  // two groups: four independent sums in flight
+    const double *a = Mi + static_cast<uint64_t>(g) * n * kLanes;
+    const double *b = a + static_cast<uint64_t>(n) * kLanes;
+    v2d a01 = {0.0, 0.0}, a23 = a01, b01 = a01, b23 = a01;
     for (uint32_t k = 0; k < n; ++k) {
-      const double xk = x[k];
-      r0 += xk * a0[k];
-      r1 += xk * a1[k];
-      r2 += xk * a2[k];
-      r3 += xk * a3[k];
+      const v2d xk = {x[k], x[k]};
+      a01 = a01 + xk * v2d{a[4 * k], a[4 * k + 1]};
+      a23 = a23 + xk * v2d{a[4 * k + 2], a[4 * k + 3]};
+      b01 = b01 + xk * v2d{b[4 * k], b[4 * k + 1]};
+      b23 = b23 + xk * v2d{b[4 * k + 2], b[4 * k + 3]};
     }
-    r[i] = r0;
-    r[i + 1] = r1;
-    r[i + 2] = r2;
-    r[i + 3] = r3;
+    const double sums[8] = {a01[0], a01[1], a23[0], a23[1], b01[0], b01[1], b23[0], b23[1]};
+    for (uint32_t l = 0; l < 8 && g * kLanes + l < m; ++l) r[g * kLanes + l] = sums[l];
   }
-  for (; i < m; ++i) {
-    const double *a = M + static_cast<uint64_t>(i) * n;
-    double acc = 0;
-    for (uint32_t k = 0; k < n; ++k) acc += x[k] * a[k];
-    r[i] = acc;
+  for (; g < groups; ++g) {
+    const double *a = Mi + static_cast<uint64_t>(g) * n * kLanes;
+    v2d a01 = {0.0, 0.0}, a23 = a01;
+    for (uint32_t k = 0; k < n; ++k) {
+      const v2d xk = {x[k], x[k]};
+      a01 = a01 + xk * v2d{a[4 * k], a[4 * k + 1]};
+      a23 = a23 + xk * v2d{a[4 * k + 2], a[4 * k + 3]};
+    }
+    const double sums[4] = {a01[0], a01[1], a23[0], a23[1]};
+    for (uint32_t l = 0; l < kLanes && g * kLanes + l < m; ++l) r[g * kLanes + l] = sums[l];
   }
 }
 
-typedef double v2d __attribute__((vector_size(16)));  // lane-wise IEEE arithmetic
 
 // Rows r .. r+G-1 of the cepstral cosine (and sine) matrices. Each row's
 // columns come from its own rotation by the row's warped frequency; G rows are
@@ -136,6 +154,67 @@ void fillrows(uint32_t p, uint32_t r, double w, const double *freqs, double alph
   }
 }
 
+// The harmonic log amplitudes and phases of one frame straight from the
+// cepstrum x: rows r .. r+G-1 of the cosine and sine matrices that
+// ccmatrixcreate(p, .., f0, no list, ..) would fill, each multiplied by x as
+// matvec does, column 0 first, without storing the matrices. Every element
+// and every partial sum is the same double as in that two-step evaluation.
+template <uint32_t G>
+void harmonicdots(uint32_t p, uint32_t r, double w, double alpha, const double *x, double *amps, double *phases) {
+  constexpr uint32_t V = (G + 1) / 2;
+  double c1[2 * V], s1[2 * V];
+  for (uint32_t g = 0; g < 2 * V; ++g) {
+    if (g < G) {
+      const double wt = fwarp(static_cast<double>(r + g + 1) * w, alpha);
+      c1[g] = std::cos(wt);
+      s1[g] = std::sin(wt);
+    } else {
+      c1[g] = 1.0;  // unused lane
+      s1[g] = 0.0;
+    }
+  }
+  const v2d x0 = {x[0], x[0]};
+  const v2d zero = {0.0, 0.0}, one = {1.0, 1.0}, mzero = {-0.0, -0.0};
+  v2d c[V], s[V], vc1[V], vs1[V], ac[V], as[V];
+  for (uint32_t v = 0; v < V; ++v) {
+    c[v] = one;
+    s[v] = zero;
+    vc1[v] = v2d{c1[2 * v], c1[2 * v + 1]};
+    vs1[v] = v2d{s1[2 * v], s1[2 * v + 1]};
+    ac[v] = zero + x0 * one;  // column 0: 1.0 and -0.0
+    as[v] = zero + x0 * mzero;
+  }
+  const v2d two = {2.0, 2.0}, mtwo = {-2.0, -2.0};
+  for (uint32_t k = 1; k <= p; ++k) {
+    const v2d xk = {x[k], x[k]};
+#pragma GCC unroll 4
+    for (uint32_t v = 0; v < V; ++v) {
+      const v2d nc = c[v] * vc1[v] - s[v] * vs1[v];
+      const v2d ns = s[v] * vc1[v] + c[v] * vs1[v];
+      c[v] = nc;
+      s[v] = ns;
+      ac[v] = ac[v] + xk * (two * nc);
+      as[v] = as[v] + xk * (mtwo * ns);
+    }
+  }
+  for (uint32_t g = 0; g < G; ++g) {
+    amps[r + g] = ac[g / 2][g % 2];
+    phases[r + g] = as[g / 2][g % 2];
+  }
+}
+
+// amps[0..nh) and phases[0..nh) of harmonics of f0: the products of the
+// cepstrum with ccmatrixcreate's harmonic cosine and sine rows.
+void harmonicrows(uint32_t p, uint32_t nh, double f0, double fs, double alpha, const double *x, double *amps,
+                  double *phases) {
+  constexpr uint32_t kGroup = 8;
+  const double w = f0 * kTwoPi / fs;
+  uint32_t r = 0;
+  for (; r + kGroup <= nh; r += kGroup) harmonicdots<kGroup>(p, r, w, alpha, x, amps, phases);
+  for (; r + 2 <= nh; r += 2) harmonicdots<2>(p, r, w, alpha, x, amps, phases);
+  if (r < nh) harmonicdots<1>(p, r, w, alpha, x, amps, phases);
+}
+
 // gennoisefromlogspectrumr with the frame's draws taken in one batch and the
 // inverse FFT from a plan made once per utterance: the same operations on the
 // same values. draws holds nfft/2 - 1 values.
@@ -174,10 +253,9 @@ void olatriangclipped(double *out, const double *frame, uint64_t start, uint32_t
 struct Utterance {
   double fs, alpha, c0min, c0max;
   uint32_t shift, order, p1, nhmax, nenv, nfft;
-  uint64_t nmat, total;
   bool flatc0;
   bool hasfv;
-  const double *envm;     // envelope-grid cosine matrix
+  const double *envm;     // envelope-grid cosine matrix, rows interleaved
   const FFTPLAN *inverse;
 };
 
@@ -219,11 +297,10 @@ double voicing(const Utterance &u, double fvtrack, double f, const double *c, do
   return f;
 }
 
-// The 2*shift samples of a frame (cepstrum c, changed by the c0 round trip) into seg.
-void synthframe(const Utterance &u, double *c, const FrameState &st, double *seg, FrameWork *w) {
-  double *hcos = w->area.data();
-  double *hsin = hcos + static_cast<uint64_t>(u.p1) * u.nhmax;
-  double *amps = hcos + u.nmat;
+// Synthesises a frame (cepstrum c, changed by the c0 round trip) with its
+// noise drawn from *noise; returns its 2*shift samples, in w's work area.
+const double *synthframe(const Utterance &u, double *c, const FrameState &st, RANDGEN *noise, FrameWork *w) {
+  double *amps = w->area.data();
   double *phases = amps + u.nhmax;
   double *grid = phases + u.nhmax;
   double *re = grid + u.nenv;
@@ -232,27 +309,24 @@ void synthframe(const Utterance &u, double *c, const FrameState &st, double *seg
   const double f = st.f;
 
   c[0] += kNoiseGain;
-  matvec(u.envm, c, grid, u.nenv, u.p1);
+  matvecinterleaved(u.envm, c, grid, u.nenv, u.p1);
   c[0] -= kNoiseGain;
   if (f > 0) applyhpfilterlog(u.nenv, kGridStep, grid, st.fvi);
 
   resamplelogampenv(kGridStep, grid, u.nenv, dfbin, re + 1, nbins);
-  RANDGEN noise = st.noise;
-  noiseframe(re, u.nfft, u.fs, &noise, w->draws.data(), u.inverse);
+  noiseframe(re, u.nfft, u.fs, noise, w->draws.data(), u.inverse);
 
   if (f > 0) {
     uint32_t nh = hanoharms(u.fs, st.fvi, f);
     if (nh > u.nhmax) nh = u.nhmax;  // cannot happen for f >= f0min; keeps the arrays safe
-    ccmatrixcreate(u.order, nh, f, nullptr, u.fs, u.alpha, hcos, hsin);
-    matvec(hcos, c, amps, nh, u.p1);
+    harmonicrows(u.order, nh, f, u.fs, u.alpha, c, amps, phases);
     const double gain = 2 * std::sqrt(f);
     for (uint32_t k = 0; k < nh; ++k) amps[k] = std::exp(amps[k]) * gain;
     applyantihpfilter(nh, f, amps, st.fvi);
-    matvec(hsin, c, phases, nh, u.p1);
     applyexcphase(nh, f, u.fs, phases);
     genharmonics(re, u.shift, u.shift, u.fs, f, nh, amps, phases, st.phi, 1);
   }
-  for (uint32_t k = 0; k < 2 * u.shift; ++k) seg[k] = re[k];
+  return re;
 }
 
 // The nb frames of cc (rows p1 apart) into their segments, frame j on thread
@@ -262,13 +336,13 @@ void runframes(const Utterance &u, uint32_t nb, double *cc, const FrameState *st
                FrameWork *work, uint32_t threads) {
   const uint64_t twoshift = 2 * static_cast<uint64_t>(u.shift);
   auto run = [&](uint32_t t, uint32_t step, FrameWork *w) {
-    for (uint32_t j = t; j < nb; j += step)
-      synthframe(u, cc + static_cast<uint64_t>(j) * u.p1, states[j], segments + j * twoshift, w);
+    for (uint32_t j = t; j < nb; j += step) {
+      RANDGEN noise = states[j].noise;
+      const double *frame = synthframe(u, cc + static_cast<uint64_t>(j) * u.p1, states[j], &noise, w);
+      double *seg = segments + j * twoshift;
+      for (uint64_t k = 0; k < twoshift; ++k) seg[k] = frame[k];
+    }
   };
-  if (threads <= 1) {
-    run(0, 1, &work[0]);
-    return;
-  }
   std::thread pool[kMaxThreads];
   for (uint32_t t = 1; t < threads; ++t) {
     try {
@@ -350,23 +424,30 @@ struct CCSTREAM {
     const uint64_t rows = 2 * static_cast<uint64_t>(u.nhmax) + u.nenv;
     if (twoshift > kMaxWorkDoubles || rows > kMaxWorkDoubles) return false;
     u.nfft = getwinlengthceilpot2(static_cast<uint32_t>(twoshift));
-    u.nmat = p1 * rows;
-    u.total = u.nmat + rows + 2 * static_cast<uint64_t>(u.nfft);
-    if (u.nmat > kMaxWorkDoubles || u.total > kMaxWorkDoubles) return false;
+    // Refused by the size of the documented work area (the harmonic matrices
+    // included), although the harmonic rows are no longer stored.
+    const uint64_t nmat = p1 * rows;
+    if (nmat > kMaxWorkDoubles || nmat + rows + 2 * static_cast<uint64_t>(u.nfft) > kMaxWorkDoubles) return false;
     threads = nthreads == 0 ? 1 : (nthreads > kMaxThreads ? kMaxThreads : nthreads);
     // Frames synthesised per round: enough to keep every thread busy, few
     // enough that their segments stay small.
     block = kBlockDoubles / twoshift;
     if (block > kMaxBlockFrames) block = kMaxBlockFrames;
     if (block < threads) block = threads;
+    const uint64_t envgroups = (static_cast<uint64_t>(u.nenv) + kLanes - 1) / kLanes;
     try {
-      envm.assign(static_cast<size_t>(p1 * u.nenv), 0.0);
-      segments.assign(static_cast<size_t>(block * twoshift), 0.0);
-      states.resize(static_cast<size_t>(block));
+      std::vector<double> rowmajor(static_cast<size_t>(p1 * u.nenv));
+      ccmatrixcreate(order, u.nenv, kGridStep, nullptr, fs, alpha, rowmajor.data(), nullptr);
+      envm.resize(static_cast<size_t>(envgroups * kLanes * p1));
+      interleaverows(rowmajor.data(), u.nenv, u.p1, envm.data());
+      // One thread synthesises each frame as it goes: no segments to hold.
+      if (threads > 1) segments.resize(static_cast<size_t>(block * twoshift));
+      states.resize(static_cast<size_t>(threads > 1 ? block : 1));
       work.resize(threads);
       for (FrameWork &w : work) {
-        w.area.assign(static_cast<size_t>(u.total), 0.0);
-        w.draws.assign(u.nfft / 2, 0);
+        // Harmonic amplitudes and phases, envelope grid, FFT frame.
+        w.area.resize(static_cast<size_t>(2 * static_cast<uint64_t>(u.nhmax) + u.nenv + 2 * u.nfft));
+        w.draws.resize(u.nfft / 2);
       }
       acc.assign(static_cast<size_t>(shift) + 1, 0.0);
     } catch (const std::bad_alloc &) {
@@ -376,29 +457,42 @@ struct CCSTREAM {
     if (!inverse) return false;
     u.inverse = inverse;
     u.envm = envm.data();
-    ccmatrixcreate(order, u.nenv, kGridStep, nullptr, fs, alpha, envm.data(), nullptr);
     randgenseed(&noise, 0);
     return true;
+  }
+
+  // The state of the next frame (f0 track value f0, fv track value fvtrack,
+  // cepstrum c) from the frames before it; the generator is left as it is.
+  void nextstate(double f0, double fvtrack, const double *c, FrameState *st) {
+    st->noise = noise;
+    st->f = voicing(u, fvtrack, f0, c, &st->fvi);
+    if (st->f > 0) {
+      if (f0prev > 0)
+        phi = phi + kPi * (st->f + f0prev) * static_cast<double>(u.shift) / u.fs;
+      else
+        phi = 0.0;
+    }
+    st->phi = phi;
+    f0prev = st->f;
   }
 
   // Synthesises nb (at most block) frames; emit(j, segment) overlap-adds
   // frame nframes + j where the caller wants it.
   template <class Emit>
   void round(uint32_t nb, const double *f0, const double *fv, double *cc, Emit emit) {
+    if (threads <= 1) {  // each frame as its state is fixed, drawing from the utterance's generator
+      for (uint32_t j = 0; j < nb; ++j) {
+        double *c = cc + static_cast<uint64_t>(j) * u.p1;
+        nextstate(f0[j], fv ? fv[j] : 0.0, c, &states[0]);
+        emit(nframes + j, synthframe(u, c, states[0], &noise, &work[0]));
+      }
+      nframes += nb;
+      return;
+    }
     const uint32_t nbins = u.nfft / 2 - 1;
     for (uint32_t j = 0; j < nb; ++j) {
-      FrameState &st = states[j];
-      st.noise = noise;
+      nextstate(f0[j], fv ? fv[j] : 0.0, cc + static_cast<uint64_t>(j) * u.p1, &states[j]);
       randgendraws(&noise, work[0].draws.data(), nbins);
-      st.f = voicing(u, fv ? fv[j] : 0.0, f0[j], cc + static_cast<uint64_t>(j) * u.p1, &st.fvi);
-      if (st.f > 0) {
-        if (f0prev > 0)
-          phi = phi + kPi * (st.f + f0prev) * static_cast<double>(u.shift) / u.fs;
-        else
-          phi = 0.0;
-      }
-      st.phi = phi;
-      f0prev = st.f;
     }
     runframes(u, nb, cc, states.data(), segments.data(), work.data(), threads > nb ? nb : threads);
     const uint64_t twoshift = 2 * static_cast<uint64_t>(u.shift);
