@@ -49,7 +49,11 @@ inline double hpgain(double f, double flo, double fc) {
   return (1 - (f - flo) / (fc - flo)) * kHpGainKnee;
 }
 
-typedef double v2d __attribute__((vector_size(16)));  // lane-wise IEEE arithmetic
+// Vector types for lane-wise IEEE arithmetic: each lane rounds exactly as the
+// scalar operation does. Two lanes (SSE2) everywhere; four (AVX2) where the
+// processor has them, chosen at run time, with the same bits.
+typedef double v2d __attribute__((vector_size(16)));
+typedef double v4d __attribute__((vector_size(32)));
 
 // Rows of a matrix stored four at a time, column by column: row 4g + l,
 // column k at [(g * n + k) * 4 + l]. Rows past the last one are zero.
@@ -65,39 +69,56 @@ void interleaverows(const double *M, uint32_t m, uint32_t n, double *out) {
       }
 }
 
+// Unaligned load of a register's lanes from p.
+template <class VD>
+inline __attribute__((always_inline)) VD &loadv(VD &v, const double *p) {
+  __builtin_memcpy(&v, p, sizeof v);
+  return v;
+}
+
 // r[i] = sum_k x[k]*M[i][k], k ascending from 0.0, as prodmat(M, x, r, m, n, 1)
 // computes it, with M interleaved by interleaverows: the rows of a group are
-// the lanes of two SSE2 registers, each lane its own sum in its own order.
-void matvecinterleaved(const double *Mi, const double *x, double *r, uint32_t m, uint32_t n) {
+// the lanes of kLanes / W registers, each lane its own sum in its own order.
+template <class VD, uint32_t W>
+inline __attribute__((always_inline)) void matvecbody(const double *Mi, const double *x, double *r, uint32_t m,
+                                                      uint32_t n) {
+  constexpr uint32_t P = kLanes / W;  // registers per group
+  constexpr uint32_t Q = 4 / P;       // groups at a time: four sums in flight
   const uint32_t groups = (m + kLanes - 1) / kLanes;
-  uint32_t g = 0;
-  for (; g + 2 <= groups; g += 2) {  // two groups: four independent sums in flight
-    const double *a = Mi + static_cast<uint64_t>(g) * n * kLanes;
-    const double *b = a + static_cast<uint64_t>(n) * kLanes;
-    v2d a01 = {0.0, 0.0}, a23 = a01, b01 = a01, b23 = a01;
-    for (uint32_t k = 0; k < n; ++k) {
-      const v2d xk = {x[k], x[k]};
-      a01 = a01 + xk * v2d{a[4 * k], a[4 * k + 1]};
-      a23 = a23 + xk * v2d{a[4 * k + 2], a[4 * k + 3]};
-      b01 = b01 + xk * v2d{b[4 * k], b[4 * k + 1]};
-      b23 = b23 + xk * v2d{b[4 * k + 2], b[4 * k + 3]};
+  const uint64_t gs = static_cast<uint64_t>(n) * kLanes;  // group stride
+  for (uint32_t g = 0; g < groups; g += Q) {
+    const uint32_t q = groups - g < Q ? groups - g : Q;
+    const double *a = Mi + g * gs;
+    VD acc[4] = {}, t;
+    if (q == Q) {
+      for (uint32_t k = 0; k < n; ++k)
+#pragma GCC unroll 4
+        for (uint32_t v = 0; v < 4; ++v)
+          acc[v] = acc[v] + x[k] * loadv(t, a + (v / P) * gs + 4 * k + (v % P) * W);
+    } else {
+      for (uint32_t k = 0; k < n; ++k)
+        for (uint32_t v = 0; v < q * P; ++v)
+          acc[v] = acc[v] + x[k] * loadv(t, a + (v / P) * gs + 4 * k + (v % P) * W);
     }
-    const double sums[8] = {a01[0], a01[1], a23[0], a23[1], b01[0], b01[1], b23[0], b23[1]};
-    for (uint32_t l = 0; l < 8 && g * kLanes + l < m; ++l) r[g * kLanes + l] = sums[l];
-  }
-  for (; g < groups; ++g) {
-    const double *a = Mi + static_cast<uint64_t>(g) * n * kLanes;
-    v2d a01 = {0.0, 0.0}, a23 = a01;
-    for (uint32_t k = 0; k < n; ++k) {
-      const v2d xk = {x[k], x[k]};
-      a01 = a01 + xk * v2d{a[4 * k], a[4 * k + 1]};
-      a23 = a23 + xk * v2d{a[4 * k + 2], a[4 * k + 3]};
-    }
-    const double sums[4] = {a01[0], a01[1], a23[0], a23[1]};
-    for (uint32_t l = 0; l < kLanes && g * kLanes + l < m; ++l) r[g * kLanes + l] = sums[l];
+    for (uint32_t l = 0; l < q * kLanes && g * kLanes + l < m; ++l) r[g * kLanes + l] = acc[l / W][l % W];
   }
 }
 
+void matvecsse2(const double *Mi, const double *x, double *r, uint32_t m, uint32_t n) {
+  matvecbody<v2d, 2>(Mi, x, r, m, n);
+}
+
+__attribute__((target("avx2"))) void matvecavx2(const double *Mi, const double *x, double *r, uint32_t m,
+                                                  uint32_t n) {
+  matvecbody<v4d, 4>(Mi, x, r, m, n);
+}
+
+void matvecinterleaved(bool avx2, const double *Mi, const double *x, double *r, uint32_t m, uint32_t n) {
+  if (avx2)
+    matvecavx2(Mi, x, r, m, n);
+  else
+    matvecsse2(Mi, x, r, m, n);
+}
 
 // Rows r .. r+G-1 of the cepstral cosine (and sine) matrices. Each row's
 // columns come from its own rotation by the row's warped frequency; G rows are
@@ -155,15 +176,59 @@ void fillrows(uint32_t p, uint32_t r, double w, const double *freqs, double alph
 }
 
 // The harmonic log amplitudes and phases of one frame straight from the
-// cepstrum x: rows r .. r+G-1 of the cosine and sine matrices that
-// ccmatrixcreate(p, .., f0, no list, ..) would fill, each multiplied by x as
-// matvec does, column 0 first, without storing the matrices. Every element
-// and every partial sum is the same double as in that two-step evaluation.
+// cepstrum x: rows of the cosine and sine matrices that ccmatrixcreate(p, ..,
+// f0, no list, ..) would fill, each multiplied by x as matvec does, column 0
+// first, without storing the matrices. Every element and every partial sum
+// is the same double as in that two-step evaluation. G rows side by side;
+// c1, s1: their rotations, padded to whole registers with (1, 0).
+template <class VD, uint32_t W, uint32_t G>
+inline __attribute__((always_inline)) void rotatedots(uint32_t p, const double *c1, const double *s1,
+                                                      const double *x, double *amps, double *phases) {
+  constexpr uint32_t V = (G + W - 1) / W;
+  VD c[V], s[V], vc1[V], vs1[V], ac[V], as[V];
+  const VD zero = {}, one = zero + 1.0, mzero = -zero;
+  for (uint32_t v = 0; v < V; ++v) {
+    c[v] = one;
+    s[v] = zero;
+    loadv(vc1[v], c1 + v * W);
+    loadv(vs1[v], s1 + v * W);
+    ac[v] = zero + x[0] * one;  // column 0: 1.0 and -0.0
+    as[v] = zero + x[0] * mzero;
+  }
+  for (uint32_t k = 1; k <= p; ++k) {
+#pragma GCC unroll 4
+    for (uint32_t v = 0; v < V; ++v) {
+      const VD nc = c[v] * vc1[v] - s[v] * vs1[v];
+      const VD ns = s[v] * vc1[v] + c[v] * vs1[v];
+      c[v] = nc;
+      s[v] = ns;
+      ac[v] = ac[v] + x[k] * (2.0 * nc);
+      as[v] = as[v] + x[k] * (-2.0 * ns);
+    }
+  }
+  for (uint32_t g = 0; g < G; ++g) {
+    amps[g] = ac[g / W][g % W];
+    phases[g] = as[g / W][g % W];
+  }
+}
+
 template <uint32_t G>
-void harmonicdots(uint32_t p, uint32_t r, double w, double alpha, const double *x, double *amps, double *phases) {
-  constexpr uint32_t V = (G + 1) / 2;
-  double c1[2 * V], s1[2 * V];
-  for (uint32_t g = 0; g < 2 * V; ++g) {
+void rotatedotssse2(uint32_t p, const double *c1, const double *s1, const double *x, double *amps, double *phases) {
+  rotatedots<v2d, 2, G>(p, c1, s1, x, amps, phases);
+}
+
+template <uint32_t G>
+__attribute__((target("avx2"))) void rotatedotsavx2(uint32_t p, const double *c1, const double *s1, const double *x,
+                                                     double *amps, double *phases) {
+  rotatedots<v4d, 4, G>(p, c1, s1, x, amps, phases);
+}
+
+template <uint32_t G>
+void harmonicdots(bool avx2, uint32_t p, uint32_t r, double w, double alpha, const double *x, double *amps,
+                  double *phases) {
+  constexpr uint32_t kPadded = (G + 3) / 4 * 4;
+  double c1[kPadded], s1[kPadded];
+  for (uint32_t g = 0; g < kPadded; ++g) {
     if (g < G) {
       const double wt = fwarp(static_cast<double>(r + g + 1) * w, alpha);
       c1[g] = std::cos(wt);
@@ -173,46 +238,22 @@ void harmonicdots(uint32_t p, uint32_t r, double w, double alpha, const double *
       s1[g] = 0.0;
     }
   }
-  const v2d x0 = {x[0], x[0]};
-  const v2d zero = {0.0, 0.0}, one = {1.0, 1.0}, mzero = {-0.0, -0.0};
-  v2d c[V], s[V], vc1[V], vs1[V], ac[V], as[V];
-  for (uint32_t v = 0; v < V; ++v) {
-    c[v] = one;
-    s[v] = zero;
-    vc1[v] = v2d{c1[2 * v], c1[2 * v + 1]};
-    vs1[v] = v2d{s1[2 * v], s1[2 * v + 1]};
-    ac[v] = zero + x0 * one;  // column 0: 1.0 and -0.0
-    as[v] = zero + x0 * mzero;
-  }
-  const v2d two = {2.0, 2.0}, mtwo = {-2.0, -2.0};
-  for (uint32_t k = 1; k <= p; ++k) {
-    const v2d xk = {x[k], x[k]};
-#pragma GCC unroll 4
-    for (uint32_t v = 0; v < V; ++v) {
-      const v2d nc = c[v] * vc1[v] - s[v] * vs1[v];
-      const v2d ns = s[v] * vc1[v] + c[v] * vs1[v];
-      c[v] = nc;
-      s[v] = ns;
-      ac[v] = ac[v] + xk * (two * nc);
-      as[v] = as[v] + xk * (mtwo * ns);
-    }
-  }
-  for (uint32_t g = 0; g < G; ++g) {
-    amps[r + g] = ac[g / 2][g % 2];
-    phases[r + g] = as[g / 2][g % 2];
-  }
+  if (avx2)
+    rotatedotsavx2<G>(p, c1, s1, x, amps + r, phases + r);
+  else
+    rotatedotssse2<G>(p, c1, s1, x, amps + r, phases + r);
 }
 
 // amps[0..nh) and phases[0..nh) of harmonics of f0: the products of the
 // cepstrum with ccmatrixcreate's harmonic cosine and sine rows.
-void harmonicrows(uint32_t p, uint32_t nh, double f0, double fs, double alpha, const double *x, double *amps,
-                  double *phases) {
-  constexpr uint32_t kGroup = 8;
+void harmonicrows(bool avx2, uint32_t p, uint32_t nh, double f0, double fs, double alpha, const double *x,
+                  double *amps, double *phases) {
   const double w = f0 * kTwoPi / fs;
   uint32_t r = 0;
-  for (; r + kGroup <= nh; r += kGroup) harmonicdots<kGroup>(p, r, w, alpha, x, amps, phases);
-  for (; r + 2 <= nh; r += 2) harmonicdots<2>(p, r, w, alpha, x, amps, phases);
-  if (r < nh) harmonicdots<1>(p, r, w, alpha, x, amps, phases);
+  for (; r + 8 <= nh; r += 8) harmonicdots<8>(avx2, p, r, w, alpha, x, amps, phases);
+  for (; r + 4 <= nh; r += 4) harmonicdots<4>(avx2, p, r, w, alpha, x, amps, phases);
+  for (; r + 2 <= nh; r += 2) harmonicdots<2>(avx2, p, r, w, alpha, x, amps, phases);
+  if (r < nh) harmonicdots<1>(avx2, p, r, w, alpha, x, amps, phases);
 }
 
 // gennoisefromlogspectrumr with the frame's draws taken in one batch and the
@@ -255,6 +296,7 @@ struct Utterance {
   uint32_t shift, order, p1, nhmax, nenv, nfft;
   bool flatc0;
   bool hasfv;
+  bool avx2;  // four-lane kernels
   const double *envm;     // envelope-grid cosine matrix, rows interleaved
   const FFTPLAN *inverse;
 };
@@ -309,7 +351,7 @@ const double *synthframe(const Utterance &u, double *c, const FrameState &st, RA
   const double f = st.f;
 
   c[0] += kNoiseGain;
-  matvecinterleaved(u.envm, c, grid, u.nenv, u.p1);
+  matvecinterleaved(u.avx2, u.envm, c, grid, u.nenv, u.p1);
   c[0] -= kNoiseGain;
   if (f > 0) applyhpfilterlog(u.nenv, kGridStep, grid, st.fvi);
 
@@ -319,7 +361,7 @@ const double *synthframe(const Utterance &u, double *c, const FrameState &st, RA
   if (f > 0) {
     uint32_t nh = hanoharms(u.fs, st.fvi, f);
     if (nh > u.nhmax) nh = u.nhmax;  // cannot happen for f >= f0min; keeps the arrays safe
-    harmonicrows(u.order, nh, f, u.fs, u.alpha, c, amps, phases);
+    harmonicrows(u.avx2, u.order, nh, f, u.fs, u.alpha, c, amps, phases);
     const double gain = 2 * std::sqrt(f);
     for (uint32_t k = 0; k < nh; ++k) amps[k] = std::exp(amps[k]) * gain;
     applyantihpfilter(nh, f, amps, st.fvi);
@@ -413,6 +455,7 @@ struct CCSTREAM {
     u.order = order;
     u.p1 = static_cast<uint32_t>(p1);
     u.hasfv = hasfv;
+    u.avx2 = __builtin_cpu_supports("avx2");
     u.c0min = c0min;
     u.c0max = c0max;
     // Every voiced frame sharing the utterance's lowest c0 leaves the fv

@@ -23,26 +23,32 @@ struct Harmonic {
   double ck, sk;  // per-sample rotation
 };
 
-// Two harmonics per SSE2 register: lane-wise IEEE products and sums, so each
-// lane rounds exactly as the scalar recurrence does.
+// Harmonics side by side in the lanes of a register: two per SSE2 register,
+// or four per AVX2 register where the processor has them (chosen at run
+// time). Lane-wise IEEE products and sums: each lane rounds exactly as the
+// scalar recurrence does, so both give the same bits.
 typedef double v2d __attribute__((vector_size(16)));
+typedef double v4d __attribute__((vector_size(32)));
 
 // Adds the G harmonics of h to buf[0..L-1]; when modulate, every sample is
 // first multiplied by the pitch-synchronous noise gain driven by (mc, ms).
-template <unsigned G, bool Modulate>
-void addgroup(double *buf, uint32_t L, Harmonic *h, double mc, double ms, double mc1, double ms1) {
-  constexpr unsigned V = G ? (G + 1) / 2 : 1;
-  v2d a[V], c[V], s[V], ck[V], sk[V];
+template <class VD, unsigned W, unsigned G, bool Modulate>
+inline __attribute__((always_inline)) void addgroup(double *buf, uint32_t L, const Harmonic *h, double mc, double ms,
+                                                    double mc1, double ms1) {
+  constexpr unsigned V = G ? (G + W - 1) / W : 1;
+  VD a[V], c[V], s[V], ck[V], sk[V];
 #pragma GCC unroll 8
   for (unsigned v = 0; v < V; ++v) {
-    const unsigned g0 = 2 * v, g1 = 2 * v + 1;
-    const Harmonic h0 = g0 < G ? h[g0] : Harmonic{0, 1, 0, 1, 0};
-    const Harmonic h1 = g1 < G ? h[g1] : Harmonic{0, 1, 0, 1, 0};  // unused lane
-    a[v] = v2d{h0.amplitude, h1.amplitude};
-    c[v] = v2d{h0.c, h1.c};
-    s[v] = v2d{h0.s, h1.s};
-    ck[v] = v2d{h0.ck, h1.ck};
-    sk[v] = v2d{h0.sk, h1.sk};
+#pragma GCC unroll 4
+    for (unsigned l = 0; l < W; ++l) {
+      const unsigned g = W * v + l;
+      const Harmonic hg = g < G ? h[g] : Harmonic{0, 1, 0, 1, 0};  // unused lane
+      a[v][l] = hg.amplitude;
+      c[v][l] = hg.c;
+      s[v][l] = hg.s;
+      ck[v][l] = hg.ck;
+      sk[v][l] = hg.sk;
+    }
   }
   for (uint32_t n = 0; n < L; ++n) {
     double b = buf[n];
@@ -55,34 +61,62 @@ void addgroup(double *buf, uint32_t L, Harmonic *h, double mc, double ms, double
     }
 #pragma GCC unroll 8
     for (unsigned v = 0; v < V; ++v) {
-      const v2d t = a[v] * c[v];
-      if (2 * v < G) b = t[0] + b;
-      if (2 * v + 1 < G) b = t[1] + b;
+      const VD t = a[v] * c[v];
+#pragma GCC unroll 4
+      for (unsigned l = 0; l < W; ++l)
+        if (W * v + l < G) b = t[l] + b;
     }
     buf[n] = b;
 #pragma GCC unroll 8
     for (unsigned v = 0; v < V; ++v) {
-      const v2d nc = c[v] * ck[v] - s[v] * sk[v];
-      const v2d ns = s[v] * ck[v] + c[v] * sk[v];
+      const VD nc = c[v] * ck[v] - s[v] * sk[v];
+      const VD ns = s[v] * ck[v] + c[v] * sk[v];
       c[v] = nc;
       s[v] = ns;
     }
   }
 }
 
-template <bool Modulate>
-void addharmonics(double *buf, uint32_t L, Harmonic *h, unsigned g, double mc, double ms, double mc1,
-                  double ms1) {
+template <class VD, unsigned W, bool Modulate>
+inline __attribute__((always_inline)) void addharmonicsbody(double *buf, uint32_t L, const Harmonic *h, unsigned g,
+                                                            double mc, double ms, double mc1, double ms1) {
   switch (g) {
-    case 1: addgroup<1, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
-    case 2: addgroup<2, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
-    case 3: addgroup<3, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
-    case 4: addgroup<4, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
-    case 5: addgroup<5, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
-    case 6: addgroup<6, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
-    case 7: addgroup<7, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
-    case 8: addgroup<8, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
-    default: addgroup<0, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 1: addgroup<VD, W, 1, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 2: addgroup<VD, W, 2, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 3: addgroup<VD, W, 3, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 4: addgroup<VD, W, 4, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 5: addgroup<VD, W, 5, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 6: addgroup<VD, W, 6, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 7: addgroup<VD, W, 7, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 8: addgroup<VD, W, 8, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    default: addgroup<VD, W, 0, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+  }
+}
+
+template <bool Modulate>
+void addharmonicssse2(double *buf, uint32_t L, const Harmonic *h, unsigned g, double mc, double ms, double mc1,
+                      double ms1) {
+  addharmonicsbody<v2d, 2, Modulate>(buf, L, h, g, mc, ms, mc1, ms1);
+}
+
+template <bool Modulate>
+__attribute__((target("avx2"))) void addharmonicsavx2(double *buf, uint32_t L, const Harmonic *h, unsigned g,
+                                                       double mc, double ms, double mc1, double ms1) {
+  addharmonicsbody<v4d, 4, Modulate>(buf, L, h, g, mc, ms, mc1, ms1);
+}
+
+void addharmonics(bool avx2, bool modulate, double *buf, uint32_t L, const Harmonic *h, unsigned g, double mc,
+                  double ms, double mc1, double ms1) {
+  if (avx2) {
+    if (modulate)
+      addharmonicsavx2<true>(buf, L, h, g, mc, ms, mc1, ms1);
+    else
+      addharmonicsavx2<false>(buf, L, h, g, mc, ms, mc1, ms1);
+  } else {
+    if (modulate)
+      addharmonicssse2<true>(buf, L, h, g, mc, ms, mc1, ms1);
+    else
+      addharmonicssse2<false>(buf, L, h, g, mc, ms, mc1, ms1);
   }
 }
 
@@ -120,6 +154,7 @@ int genharmonics(double *buf, uint32_t before, uint32_t after, double fs, double
     ms = std::sin(theta0);
   }
 
+  const bool avx2 = __builtin_cpu_supports("avx2");
   Harmonic group[kGroup];
   unsigned g = 0;
   double ck = c1, sk = s1;
@@ -135,20 +170,12 @@ int genharmonics(double *buf, uint32_t before, uint32_t after, double fs, double
     ck = nck;
     sk = nsk;
     if (g == kGroup) {
-      if (pending)
-        addharmonics<true>(buf, L, group, g, mc, ms, c1, s1);
-      else
-        addharmonics<false>(buf, L, group, g, mc, ms, c1, s1);
+      addharmonics(avx2, pending, buf, L, group, g, mc, ms, c1, s1);
       pending = false;
       g = 0;
     }
   }
-  if (g > 0 || pending) {
-    if (pending)
-      addharmonics<true>(buf, L, group, g, mc, ms, c1, s1);
-    else
-      addharmonics<false>(buf, L, group, g, mc, ms, c1, s1);
-  }
+  if (g > 0 || pending) addharmonics(avx2, pending, buf, L, group, g, mc, ms, c1, s1);
   return 0;
 }
 
