@@ -279,6 +279,47 @@ void noiseframe(double *buf, uint32_t nfft, double fs, RANDGEN *state, int32_t *
   fftplanr(inverse, re, im);
 }
 
+// olatriang(out, frame, 0, shift, 2*shift) for a frame that does not overlap
+// out: the same product, then quotient, then sum per sample, W samples side
+// by side.
+template <class VD, uint32_t W>
+inline __attribute__((always_inline)) void olabody(double *out, const double *frame, uint32_t shift) {
+  const double d = static_cast<double>(shift);
+  const uint32_t span = 2 * shift;
+  VD num, step, o, f;
+  for (uint32_t l = 0; l < W; ++l) step[l] = static_cast<double>(W);
+  uint32_t i = 0;
+  for (uint32_t l = 0; l < W; ++l) num[l] = static_cast<double>(l);
+  for (; i + W <= shift; i += W, num = num + step) {  // rising: i / shift (integers below 2^32, exact)
+    loadv(o, out + i);
+    loadv(f, frame + i);
+    o = o + f * num / d;
+    __builtin_memcpy(out + i, &o, sizeof o);
+  }
+  for (; i < shift; ++i) out[i] += frame[i] * static_cast<double>(i) / d;
+  for (uint32_t l = 0; l < W; ++l) num[l] = static_cast<double>(span - i - l);
+  for (; i + W <= span; i += W, num = num - step) {  // falling: (2 shift - i) / shift
+    loadv(o, out + i);
+    loadv(f, frame + i);
+    o = o + f * num / d;
+    __builtin_memcpy(out + i, &o, sizeof o);
+  }
+  for (; i < span; ++i) out[i] += frame[i] * static_cast<double>(span - i) / d;
+}
+
+void olasse2(double *out, const double *frame, uint32_t shift) { olabody<v2d, 2>(out, frame, shift); }
+
+__attribute__((target("avx2"))) void olaavx2(double *out, const double *frame, uint32_t shift) {
+  olabody<v4d, 4>(out, frame, shift);
+}
+
+void olaframe(bool avx2, double *out, const double *frame, uint32_t shift) {
+  if (avx2)
+    olaavx2(out, frame, shift);
+  else
+    olasse2(out, frame, shift);
+}
+
 // Triangular overlap-add of a 2*shift frame starting at output sample start,
 // with olatriang's weights and arithmetic, dropping samples at or beyond limit.
 void olatriangclipped(double *out, const double *frame, uint64_t start, uint32_t shift, uint64_t limit) {
@@ -563,7 +604,7 @@ struct CCSTREAM {
       round(nb, f0 + done, fv ? fv + done : nullptr, cc + static_cast<uint64_t>(done) * u.p1,
             [&](uint64_t i, const double *seg) {
               const uint32_t start = static_cast<uint32_t>(i * shift - acc0);
-              olatriang(acc.data(), seg, start, start + u.shift, start + 2 * u.shift);
+              olaframe(u.avx2, acc.data() + start, seg, u.shift);
             });
       done += nb;
       ready = nframes * shift;
@@ -684,8 +725,7 @@ int cc2waveformthreads(double *output, uint32_t length, double fs, uint32_t shif
       st.round(nb, f0 + b0, fv ? fv + b0 : nullptr, cc + b0 * p1, [&](uint64_t i, const double *seg) {
         const uint64_t start = i * shift;
         if (start + twoshift <= length)
-          olatriang(output, seg, static_cast<uint32_t>(start), static_cast<uint32_t>(start + shift),
-                    static_cast<uint32_t>(start + twoshift));
+          olaframe(st.u.avx2, output + start, seg, shift);
         else
           olatriangclipped(output, seg, start, shift, length);
       });

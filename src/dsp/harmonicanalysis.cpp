@@ -13,9 +13,10 @@ constexpr double kTwoPi = 6.283185307179586;
 // sqrt(2)/3: (2 - cos)^2 has mean 4.5, so the modulated noise keeps its power.
 constexpr double kModulationGain = 0.47140452079103173;
 
-// Harmonics are added a few at a time so that their rotations run side by side;
-// per sample the additions still happen in ascending harmonic order.
-constexpr unsigned kGroup = 8;
+// Harmonics are added a few at a time (eight, or sixteen with AVX2) so that
+// their rotations run side by side; per sample the additions still happen in
+// ascending harmonic order.
+constexpr unsigned kGroup = 16;
 
 struct Harmonic {
   double amplitude;
@@ -99,10 +100,100 @@ void addharmonicssse2(double *buf, uint32_t L, const Harmonic *h, unsigned g, do
   addharmonicsbody<v2d, 2, Modulate>(buf, L, h, g, mc, ms, mc1, ms1);
 }
 
+typedef long long v4i __attribute__((vector_size(32)));
+
+// 4R harmonics on AVX2, four samples at a time: the products of the four
+// samples are transposed so that one register holds a harmonic at four
+// samples, and the sums run in sample lanes, still in ascending harmonic
+// order. The rotations, products and sums are those of addgroup<v4d, 4, 4R>;
+// only the lanes they are added in differ. R registers of rotations hide
+// the latency of each rotation step.
+template <unsigned R, bool Modulate>
+__attribute__((target("avx2"))) void addblockavx2(double *buf, uint32_t L, const Harmonic *h, double mc, double ms,
+                                                   double mc1, double ms1) {
+  v4d a[R], c[R], s[R], ck[R], sk[R];
+  for (unsigned v = 0; v < R; ++v)
+    for (unsigned l = 0; l < 4; ++l) {
+      const Harmonic &hg = h[4 * v + l];
+      a[v][l] = hg.amplitude;
+      c[v][l] = hg.c;
+      s[v][l] = hg.s;
+      ck[v][l] = hg.ck;
+      sk[v][l] = hg.sk;
+    }
+  const v4i lo = {0, 4, 2, 6}, hi = {1, 5, 3, 7}, first = {0, 1, 4, 5}, second = {2, 3, 6, 7};
+  uint32_t n = 0;
+  for (; n + 4 <= L; n += 4) {
+    double bq[4];
+#pragma GCC unroll 4
+    for (unsigned q = 0; q < 4; ++q) {
+      bq[q] = buf[n + q];
+      if (Modulate) {
+        bq[q] = (2.0 - mc) * kModulationGain * bq[q];
+        const double nc = mc * mc1 - ms * ms1;
+        const double ns = ms * mc1 + mc * ms1;
+        mc = nc;
+        ms = ns;
+      }
+    }
+    v4d b = {bq[0], bq[1], bq[2], bq[3]};
+    v4d t[R][4];  // register v, sample q
+#pragma GCC unroll 4
+    for (unsigned q = 0; q < 4; ++q) {
+#pragma GCC unroll 4
+      for (unsigned v = 0; v < R; ++v) {
+        t[v][q] = a[v] * c[v];
+        const v4d nc = c[v] * ck[v] - s[v] * sk[v];
+        const v4d ns = s[v] * ck[v] + c[v] * sk[v];
+        c[v] = nc;
+        s[v] = ns;
+      }
+    }
+#pragma GCC unroll 4
+    for (unsigned v = 0; v < R; ++v) {
+      const v4d u0 = __builtin_shuffle(t[v][0], t[v][1], lo), u1 = __builtin_shuffle(t[v][0], t[v][1], hi);
+      const v4d u2 = __builtin_shuffle(t[v][2], t[v][3], lo), u3 = __builtin_shuffle(t[v][2], t[v][3], hi);
+      b = __builtin_shuffle(u0, u2, first) + b;  // harmonic 4v at the four samples
+      b = __builtin_shuffle(u1, u3, first) + b;
+      b = __builtin_shuffle(u0, u2, second) + b;
+      b = __builtin_shuffle(u1, u3, second) + b;
+    }
+    __builtin_memcpy(buf + n, &b, sizeof b);
+  }
+  for (; n < L; ++n) {
+    double b = buf[n];
+    if (Modulate) {
+      b = (2.0 - mc) * kModulationGain * b;
+      const double nc = mc * mc1 - ms * ms1;
+      const double ns = ms * mc1 + mc * ms1;
+      mc = nc;
+      ms = ns;
+    }
+    for (unsigned v = 0; v < R; ++v) {
+      const v4d t = a[v] * c[v];
+      for (unsigned l = 0; l < 4; ++l) b = t[l] + b;
+      const v4d nc = c[v] * ck[v] - s[v] * sk[v];
+      const v4d ns = s[v] * ck[v] + c[v] * sk[v];
+      c[v] = nc;
+      s[v] = ns;
+    }
+    buf[n] = b;
+  }
+}
+
 template <bool Modulate>
 __attribute__((target("avx2"))) void addharmonicsavx2(double *buf, uint32_t L, const Harmonic *h, unsigned g,
                                                        double mc, double ms, double mc1, double ms1) {
-  addharmonicsbody<v4d, 4, Modulate>(buf, L, h, g, mc, ms, mc1, ms1);
+  if (g == 16) {
+    addblockavx2<4, Modulate>(buf, L, h, mc, ms, mc1, ms1);
+  } else if (g > 8) {  // the first eight (and the modulation), then the others
+    addblockavx2<2, Modulate>(buf, L, h, mc, ms, mc1, ms1);
+    addharmonicsbody<v4d, 4, false>(buf, L, h + 8, g - 8, mc, ms, mc1, ms1);
+  } else if (g == 8) {
+    addblockavx2<2, Modulate>(buf, L, h, mc, ms, mc1, ms1);
+  } else {
+    addharmonicsbody<v4d, 4, Modulate>(buf, L, h, g, mc, ms, mc1, ms1);
+  }
 }
 
 void addharmonics(bool avx2, bool modulate, double *buf, uint32_t L, const Harmonic *h, unsigned g, double mc,
@@ -155,6 +246,7 @@ int genharmonics(double *buf, uint32_t before, uint32_t after, double fs, double
   }
 
   const bool avx2 = __builtin_cpu_supports("avx2");
+  const unsigned groupsize = avx2 ? kGroup : kGroup / 2;
   Harmonic group[kGroup];
   unsigned g = 0;
   double ck = c1, sk = s1;
@@ -169,7 +261,7 @@ int genharmonics(double *buf, uint32_t before, uint32_t after, double fs, double
     const double nsk = sk * c1 + ck * s1;
     ck = nck;
     sk = nsk;
-    if (g == kGroup) {
+    if (g == groupsize) {
       addharmonics(avx2, pending, buf, L, group, g, mc, ms, c1, s1);
       pending = false;
       g = 0;
