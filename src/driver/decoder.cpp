@@ -76,9 +76,12 @@ void modify(const DecoderSettings &s, uint32_t nframes, double *logf0, double *c
   logf02f0(nframes, logf0);
 }
 
-// Samples pulled at a time; frames are pushed about as many samples at a
-// time, so that what the stream holds stays near this (plus two shifts).
-constexpr uint32_t kStreamSamples = 65536;
+// Samples pulled at a time per synthesis thread; frames are pushed about as
+// many samples at a time, so that what the stream holds stays near this (plus
+// two shifts). Small enough that the buffers stay in cache and cost few page
+// faults, large enough that each thread gets a round of many frames.
+constexpr uint32_t kStreamSamples = 8192;
+constexpr uint32_t kStreamThreadsMax = 64;
 
 }  // namespace
 
@@ -91,14 +94,15 @@ int decodeutterancestreamed(const DecoderSettings &s, uint32_t nframes, double *
   std::unique_ptr<CCSTREAM, int (*)(CCSTREAM *)> st(
       ccstreamopen(kDecoderFs, s.shift, order, s.alpha, f0min, hasfv, c0min, c0max, s.threads), ccstreamclose);
   if (!st) return -1;
-  std::vector<double> buf(kStreamSamples);
+  const uint32_t chunk = kStreamSamples * (s.threads < 1 ? 1 : s.threads < kStreamThreadsMax ? s.threads : kStreamThreadsMax);
+  std::vector<double> buf(chunk);
   auto drain = [&] {
-    for (uint32_t n; (n = ccstreampull(st.get(), buf.data(), kStreamSamples)) > 0;)
+    for (uint32_t n; (n = ccstreampull(st.get(), buf.data(), chunk)) > 0;)
       if (!sink(buf.data(), n)) return false;
     return true;
   };
   const uint64_t p1 = static_cast<uint64_t>(order) + 1;
-  const uint32_t step = s.shift < kStreamSamples ? kStreamSamples / s.shift : 1;
+  const uint32_t step = s.shift < chunk ? chunk / s.shift : 1;
   for (uint32_t i = 0; i < nframes; i += step) {
     const uint32_t n = nframes - i < step ? nframes - i : step;
     if (ccstreampush(st.get(), n, logf0 + i, fv ? fv + i : nullptr, cc + i * p1) != 0) return -1;

@@ -49,37 +49,76 @@ inline double hpgain(double f, double flo, double fc) {
   return (1 - (f - flo) / (fc - flo)) * kHpGainKnee;
 }
 
+// Vector types for lane-wise IEEE arithmetic: each lane rounds exactly as the
+// scalar operation does. Two lanes (SSE2) everywhere; four (AVX2) where the
+// processor has them, chosen at run time, with the same bits.
+typedef double v2d __attribute__((vector_size(16)));
+typedef double v4d __attribute__((vector_size(32)));
+
+// Rows of a matrix stored four at a time, column by column: row 4g + l,
+// column k at [(g * n + k) * 4 + l]. Rows past the last one are zero.
+constexpr uint32_t kLanes = 4;
+
+void interleaverows(const double *M, uint32_t m, uint32_t n, double *out) {
+  const uint64_t groups = (static_cast<uint64_t>(m) + kLanes - 1) / kLanes;
+  for (uint64_t g = 0; g < groups; ++g)
+    for (uint32_t k = 0; k < n; ++k)
+      for (uint32_t l = 0; l < kLanes; ++l) {
+        const uint64_t row = g * kLanes + l;
+        out[(g * n + k) * kLanes + l] = row < m ? M[row * n + k] : 0.0;
+      }
+}
+
+// Unaligned load of a register's lanes from p.
+template <class VD>
+inline __attribute__((always_inline)) VD &loadv(VD &v, const double *p) {
+  __builtin_memcpy(&v, p, sizeof v);
+  return v;
+}
+
 // r[i] = sum_k x[k]*M[i][k], k ascending from 0.0, as prodmat(M, x, r, m, n, 1)
-// computes it; four rows at a time so that the independent sums overlap.
-void matvec(const double *M, const double *x, double *r, uint32_t m, uint32_t n) {
-  uint32_t i = 0;
-  for (; i + 4 <= m; i += 4) {
-    const double *a0 = M + static_cast<uint64_t>(i) * n;
-    const double *a1 = a0 + n;
-    const double *a2 = a1 + n;
-    const double *a3 = a2 + n;
-    double r0 = 0, r1 = 0, r2 = 0, r3 = 0;
-    for (uint32_t k = 0; k < n; ++k) {
-      const double xk = x[k];
-      r0 += xk * a0[k];
-      r1 += xk * a1[k];
-      r2 += xk * a2[k];
-      r3 += xk * a3[k];
+// computes it, with M interleaved by interleaverows: the rows of a group are
+// the lanes of kLanes / W registers, each lane its own sum in its own order.
+template <class VD, uint32_t W>
+inline __attribute__((always_inline)) void matvecbody(const double *Mi, const double *x, double *r, uint32_t m,
+                                                      uint32_t n) {
+  constexpr uint32_t P = kLanes / W;  // registers per group
+  constexpr uint32_t Q = 4 / P;       // groups at a time: four sums in flight
+  const uint32_t groups = (m + kLanes - 1) / kLanes;
+  const uint64_t gs = static_cast<uint64_t>(n) * kLanes;  // group stride
+  for (uint32_t g = 0; g < groups; g += Q) {
+    const uint32_t q = groups - g < Q ? groups - g : Q;
+    const double *a = Mi + g * gs;
+    VD acc[4] = {}, t;
+    if (q == Q) {
+      for (uint32_t k = 0; k < n; ++k)
+#pragma GCC unroll 4
+        for (uint32_t v = 0; v < 4; ++v)
+          acc[v] = acc[v] + x[k] * loadv(t, a + (v / P) * gs + 4 * k + (v % P) * W);
+    } else {
+      for (uint32_t k = 0; k < n; ++k)
+        for (uint32_t v = 0; v < q * P; ++v)
+          acc[v] = acc[v] + x[k] * loadv(t, a + (v / P) * gs + 4 * k + (v % P) * W);
     }
-    r[i] = r0;
-    r[i + 1] = r1;
-    r[i + 2] = r2;
-    r[i + 3] = r3;
-  }
-  for (; i < m; ++i) {
-    const double *a = M + static_cast<uint64_t>(i) * n;
-    double acc = 0;
-    for (uint32_t k = 0; k < n; ++k) acc += x[k] * a[k];
-    r[i] = acc;
+    for (uint32_t l = 0; l < q * kLanes && g * kLanes + l < m; ++l) r[g * kLanes + l] = acc[l / W][l % W];
   }
 }
 
-typedef double v2d __attribute__((vector_size(16)));  // lane-wise IEEE arithmetic
+void matvecsse2(const double *Mi, const double *x, double *r, uint32_t m, uint32_t n) {
+  matvecbody<v2d, 2>(Mi, x, r, m, n);
+}
+
+__attribute__((target("avx2"))) void matvecavx2(const double *Mi, const double *x, double *r, uint32_t m,
+                                                  uint32_t n) {
+  matvecbody<v4d, 4>(Mi, x, r, m, n);
+}
+
+void matvecinterleaved(bool avx2, const double *Mi, const double *x, double *r, uint32_t m, uint32_t n) {
+  if (avx2)
+    matvecavx2(Mi, x, r, m, n);
+  else
+    matvecsse2(Mi, x, r, m, n);
+}
 
 // Rows r .. r+G-1 of the cepstral cosine (and sine) matrices. Each row's
 // columns come from its own rotation by the row's warped frequency; G rows are
@@ -136,6 +175,87 @@ void fillrows(uint32_t p, uint32_t r, double w, const double *freqs, double alph
   }
 }
 
+// The harmonic log amplitudes and phases of one frame straight from the
+// cepstrum x: rows of the cosine and sine matrices that ccmatrixcreate(p, ..,
+// f0, no list, ..) would fill, each multiplied by x as matvec does, column 0
+// first, without storing the matrices. Every element and every partial sum
+// is the same double as in that two-step evaluation. G rows side by side;
+// c1, s1: their rotations, padded to whole registers with (1, 0).
+template <class VD, uint32_t W, uint32_t G>
+inline __attribute__((always_inline)) void rotatedots(uint32_t p, const double *c1, const double *s1,
+                                                      const double *x, double *amps, double *phases) {
+  constexpr uint32_t V = (G + W - 1) / W;
+  VD c[V], s[V], vc1[V], vs1[V], ac[V], as[V];
+  const VD zero = {}, one = zero + 1.0, mzero = -zero;
+  for (uint32_t v = 0; v < V; ++v) {
+    c[v] = one;
+    s[v] = zero;
+    loadv(vc1[v], c1 + v * W);
+    loadv(vs1[v], s1 + v * W);
+    ac[v] = zero + x[0] * one;  // column 0: 1.0 and -0.0
+    as[v] = zero + x[0] * mzero;
+  }
+  for (uint32_t k = 1; k <= p; ++k) {
+#pragma GCC unroll 4
+    for (uint32_t v = 0; v < V; ++v) {
+      const VD nc = c[v] * vc1[v] - s[v] * vs1[v];
+      const VD ns = s[v] * vc1[v] + c[v] * vs1[v];
+      c[v] = nc;
+      s[v] = ns;
+      ac[v] = ac[v] + x[k] * (2.0 * nc);
+      as[v] = as[v] + x[k] * (-2.0 * ns);
+    }
+  }
+  for (uint32_t g = 0; g < G; ++g) {
+    amps[g] = ac[g / W][g % W];
+    phases[g] = as[g / W][g % W];
+  }
+}
+
+template <uint32_t G>
+void rotatedotssse2(uint32_t p, const double *c1, const double *s1, const double *x, double *amps, double *phases) {
+  rotatedots<v2d, 2, G>(p, c1, s1, x, amps, phases);
+}
+
+template <uint32_t G>
+__attribute__((target("avx2"))) void rotatedotsavx2(uint32_t p, const double *c1, const double *s1, const double *x,
+                                                     double *amps, double *phases) {
+  rotatedots<v4d, 4, G>(p, c1, s1, x, amps, phases);
+}
+
+template <uint32_t G>
+void harmonicdots(bool avx2, uint32_t p, uint32_t r, double w, double alpha, const double *x, double *amps,
+                  double *phases) {
+  constexpr uint32_t kPadded = (G + 3) / 4 * 4;
+  double c1[kPadded], s1[kPadded];
+  for (uint32_t g = 0; g < kPadded; ++g) {
+    if (g < G) {
+      const double wt = fwarp(static_cast<double>(r + g + 1) * w, alpha);
+      c1[g] = std::cos(wt);
+      s1[g] = std::sin(wt);
+    } else {
+      c1[g] = 1.0;  // unused lane
+      s1[g] = 0.0;
+    }
+  }
+  if (avx2)
+    rotatedotsavx2<G>(p, c1, s1, x, amps + r, phases + r);
+  else
+    rotatedotssse2<G>(p, c1, s1, x, amps + r, phases + r);
+}
+
+// amps[0..nh) and phases[0..nh) of harmonics of f0: the products of the
+// cepstrum with ccmatrixcreate's harmonic cosine and sine rows.
+void harmonicrows(bool avx2, uint32_t p, uint32_t nh, double f0, double fs, double alpha, const double *x,
+                  double *amps, double *phases) {
+  const double w = f0 * kTwoPi / fs;
+  uint32_t r = 0;
+  for (; r + 8 <= nh; r += 8) harmonicdots<8>(avx2, p, r, w, alpha, x, amps, phases);
+  for (; r + 4 <= nh; r += 4) harmonicdots<4>(avx2, p, r, w, alpha, x, amps, phases);
+  for (; r + 2 <= nh; r += 2) harmonicdots<2>(avx2, p, r, w, alpha, x, amps, phases);
+  if (r < nh) harmonicdots<1>(avx2, p, r, w, alpha, x, amps, phases);
+}
+
 // gennoisefromlogspectrumr with the frame's draws taken in one batch and the
 // inverse FFT from a plan made once per utterance: the same operations on the
 // same values. draws holds nfft/2 - 1 values.
@@ -159,6 +279,47 @@ void noiseframe(double *buf, uint32_t nfft, double fs, RANDGEN *state, int32_t *
   fftplanr(inverse, re, im);
 }
 
+// olatriang(out, frame, 0, shift, 2*shift) for a frame that does not overlap
+// out: the same product, then quotient, then sum per sample, W samples side
+// by side.
+template <class VD, uint32_t W>
+inline __attribute__((always_inline)) void olabody(double *out, const double *frame, uint32_t shift) {
+  const double d = static_cast<double>(shift);
+  const uint32_t span = 2 * shift;
+  VD num, step, o, f;
+  for (uint32_t l = 0; l < W; ++l) step[l] = static_cast<double>(W);
+  uint32_t i = 0;
+  for (uint32_t l = 0; l < W; ++l) num[l] = static_cast<double>(l);
+  for (; i + W <= shift; i += W, num = num + step) {  // rising: i / shift (integers below 2^32, exact)
+    loadv(o, out + i);
+    loadv(f, frame + i);
+    o = o + f * num / d;
+    __builtin_memcpy(out + i, &o, sizeof o);
+  }
+  for (; i < shift; ++i) out[i] += frame[i] * static_cast<double>(i) / d;
+  for (uint32_t l = 0; l < W; ++l) num[l] = static_cast<double>(span - i - l);
+  for (; i + W <= span; i += W, num = num - step) {  // falling: (2 shift - i) / shift
+    loadv(o, out + i);
+    loadv(f, frame + i);
+    o = o + f * num / d;
+    __builtin_memcpy(out + i, &o, sizeof o);
+  }
+  for (; i < span; ++i) out[i] += frame[i] * static_cast<double>(span - i) / d;
+}
+
+void olasse2(double *out, const double *frame, uint32_t shift) { olabody<v2d, 2>(out, frame, shift); }
+
+__attribute__((target("avx2"))) void olaavx2(double *out, const double *frame, uint32_t shift) {
+  olabody<v4d, 4>(out, frame, shift);
+}
+
+void olaframe(bool avx2, double *out, const double *frame, uint32_t shift) {
+  if (avx2)
+    olaavx2(out, frame, shift);
+  else
+    olasse2(out, frame, shift);
+}
+
 // Triangular overlap-add of a 2*shift frame starting at output sample start,
 // with olatriang's weights and arithmetic, dropping samples at or beyond limit.
 void olatriangclipped(double *out, const double *frame, uint64_t start, uint32_t shift, uint64_t limit) {
@@ -174,10 +335,10 @@ void olatriangclipped(double *out, const double *frame, uint64_t start, uint32_t
 struct Utterance {
   double fs, alpha, c0min, c0max;
   uint32_t shift, order, p1, nhmax, nenv, nfft;
-  uint64_t nmat, total;
   bool flatc0;
   bool hasfv;
-  const double *envm;     // envelope-grid cosine matrix
+  bool avx2;  // four-lane kernels
+  const double *envm;     // envelope-grid cosine matrix, rows interleaved
   const FFTPLAN *inverse;
 };
 
@@ -219,11 +380,10 @@ double voicing(const Utterance &u, double fvtrack, double f, const double *c, do
   return f;
 }
 
-// The 2*shift samples of a frame (cepstrum c, changed by the c0 round trip) into seg.
-void synthframe(const Utterance &u, double *c, const FrameState &st, double *seg, FrameWork *w) {
-  double *hcos = w->area.data();
-  double *hsin = hcos + static_cast<uint64_t>(u.p1) * u.nhmax;
-  double *amps = hcos + u.nmat;
+// Synthesises a frame (cepstrum c, changed by the c0 round trip) with its
+// noise drawn from *noise; returns its 2*shift samples, in w's work area.
+const double *synthframe(const Utterance &u, double *c, const FrameState &st, RANDGEN *noise, FrameWork *w) {
+  double *amps = w->area.data();
   double *phases = amps + u.nhmax;
   double *grid = phases + u.nhmax;
   double *re = grid + u.nenv;
@@ -232,27 +392,24 @@ void synthframe(const Utterance &u, double *c, const FrameState &st, double *seg
   const double f = st.f;
 
   c[0] += kNoiseGain;
-  matvec(u.envm, c, grid, u.nenv, u.p1);
+  matvecinterleaved(u.avx2, u.envm, c, grid, u.nenv, u.p1);
   c[0] -= kNoiseGain;
   if (f > 0) applyhpfilterlog(u.nenv, kGridStep, grid, st.fvi);
 
   resamplelogampenv(kGridStep, grid, u.nenv, dfbin, re + 1, nbins);
-  RANDGEN noise = st.noise;
-  noiseframe(re, u.nfft, u.fs, &noise, w->draws.data(), u.inverse);
+  noiseframe(re, u.nfft, u.fs, noise, w->draws.data(), u.inverse);
 
   if (f > 0) {
     uint32_t nh = hanoharms(u.fs, st.fvi, f);
     if (nh > u.nhmax) nh = u.nhmax;  // cannot happen for f >= f0min; keeps the arrays safe
-    ccmatrixcreate(u.order, nh, f, nullptr, u.fs, u.alpha, hcos, hsin);
-    matvec(hcos, c, amps, nh, u.p1);
+    harmonicrows(u.avx2, u.order, nh, f, u.fs, u.alpha, c, amps, phases);
     const double gain = 2 * std::sqrt(f);
     for (uint32_t k = 0; k < nh; ++k) amps[k] = std::exp(amps[k]) * gain;
     applyantihpfilter(nh, f, amps, st.fvi);
-    matvec(hsin, c, phases, nh, u.p1);
     applyexcphase(nh, f, u.fs, phases);
     genharmonics(re, u.shift, u.shift, u.fs, f, nh, amps, phases, st.phi, 1);
   }
-  for (uint32_t k = 0; k < 2 * u.shift; ++k) seg[k] = re[k];
+  return re;
 }
 
 // The nb frames of cc (rows p1 apart) into their segments, frame j on thread
@@ -262,13 +419,13 @@ void runframes(const Utterance &u, uint32_t nb, double *cc, const FrameState *st
                FrameWork *work, uint32_t threads) {
   const uint64_t twoshift = 2 * static_cast<uint64_t>(u.shift);
   auto run = [&](uint32_t t, uint32_t step, FrameWork *w) {
-    for (uint32_t j = t; j < nb; j += step)
-      synthframe(u, cc + static_cast<uint64_t>(j) * u.p1, states[j], segments + j * twoshift, w);
+    for (uint32_t j = t; j < nb; j += step) {
+      RANDGEN noise = states[j].noise;
+      const double *frame = synthframe(u, cc + static_cast<uint64_t>(j) * u.p1, states[j], &noise, w);
+      double *seg = segments + j * twoshift;
+      for (uint64_t k = 0; k < twoshift; ++k) seg[k] = frame[k];
+    }
   };
-  if (threads <= 1) {
-    run(0, 1, &work[0]);
-    return;
-  }
   std::thread pool[kMaxThreads];
   for (uint32_t t = 1; t < threads; ++t) {
     try {
@@ -339,6 +496,7 @@ struct CCSTREAM {
     u.order = order;
     u.p1 = static_cast<uint32_t>(p1);
     u.hasfv = hasfv;
+    u.avx2 = __builtin_cpu_supports("avx2");
     u.c0min = c0min;
     u.c0max = c0max;
     // Every voiced frame sharing the utterance's lowest c0 leaves the fv
@@ -350,23 +508,30 @@ struct CCSTREAM {
     const uint64_t rows = 2 * static_cast<uint64_t>(u.nhmax) + u.nenv;
     if (twoshift > kMaxWorkDoubles || rows > kMaxWorkDoubles) return false;
     u.nfft = getwinlengthceilpot2(static_cast<uint32_t>(twoshift));
-    u.nmat = p1 * rows;
-    u.total = u.nmat + rows + 2 * static_cast<uint64_t>(u.nfft);
-    if (u.nmat > kMaxWorkDoubles || u.total > kMaxWorkDoubles) return false;
+    // Refused by the size of the documented work area (the harmonic matrices
+    // included), although the harmonic rows are no longer stored.
+    const uint64_t nmat = p1 * rows;
+    if (nmat > kMaxWorkDoubles || nmat + rows + 2 * static_cast<uint64_t>(u.nfft) > kMaxWorkDoubles) return false;
     threads = nthreads == 0 ? 1 : (nthreads > kMaxThreads ? kMaxThreads : nthreads);
     // Frames synthesised per round: enough to keep every thread busy, few
     // enough that their segments stay small.
     block = kBlockDoubles / twoshift;
     if (block > kMaxBlockFrames) block = kMaxBlockFrames;
     if (block < threads) block = threads;
+    const uint64_t envgroups = (static_cast<uint64_t>(u.nenv) + kLanes - 1) / kLanes;
     try {
-      envm.assign(static_cast<size_t>(p1 * u.nenv), 0.0);
-      segments.assign(static_cast<size_t>(block * twoshift), 0.0);
-      states.resize(static_cast<size_t>(block));
+      std::vector<double> rowmajor(static_cast<size_t>(p1 * u.nenv));
+      ccmatrixcreate(order, u.nenv, kGridStep, nullptr, fs, alpha, rowmajor.data(), nullptr);
+      envm.resize(static_cast<size_t>(envgroups * kLanes * p1));
+      interleaverows(rowmajor.data(), u.nenv, u.p1, envm.data());
+      // One thread synthesises each frame as it goes: no segments to hold.
+      if (threads > 1) segments.resize(static_cast<size_t>(block * twoshift));
+      states.resize(static_cast<size_t>(threads > 1 ? block : 1));
       work.resize(threads);
       for (FrameWork &w : work) {
-        w.area.assign(static_cast<size_t>(u.total), 0.0);
-        w.draws.assign(u.nfft / 2, 0);
+        // Harmonic amplitudes and phases, envelope grid, FFT frame.
+        w.area.resize(static_cast<size_t>(2 * static_cast<uint64_t>(u.nhmax) + u.nenv + 2 * u.nfft));
+        w.draws.resize(u.nfft / 2);
       }
       acc.assign(static_cast<size_t>(shift) + 1, 0.0);
     } catch (const std::bad_alloc &) {
@@ -376,29 +541,42 @@ struct CCSTREAM {
     if (!inverse) return false;
     u.inverse = inverse;
     u.envm = envm.data();
-    ccmatrixcreate(order, u.nenv, kGridStep, nullptr, fs, alpha, envm.data(), nullptr);
     randgenseed(&noise, 0);
     return true;
+  }
+
+  // The state of the next frame (f0 track value f0, fv track value fvtrack,
+  // cepstrum c) from the frames before it; the generator is left as it is.
+  void nextstate(double f0, double fvtrack, const double *c, FrameState *st) {
+    st->noise = noise;
+    st->f = voicing(u, fvtrack, f0, c, &st->fvi);
+    if (st->f > 0) {
+      if (f0prev > 0)
+        phi = phi + kPi * (st->f + f0prev) * static_cast<double>(u.shift) / u.fs;
+      else
+        phi = 0.0;
+    }
+    st->phi = phi;
+    f0prev = st->f;
   }
 
   // Synthesises nb (at most block) frames; emit(j, segment) overlap-adds
   // frame nframes + j where the caller wants it.
   template <class Emit>
   void round(uint32_t nb, const double *f0, const double *fv, double *cc, Emit emit) {
+    if (threads <= 1) {  // each frame as its state is fixed, drawing from the utterance's generator
+      for (uint32_t j = 0; j < nb; ++j) {
+        double *c = cc + static_cast<uint64_t>(j) * u.p1;
+        nextstate(f0[j], fv ? fv[j] : 0.0, c, &states[0]);
+        emit(nframes + j, synthframe(u, c, states[0], &noise, &work[0]));
+      }
+      nframes += nb;
+      return;
+    }
     const uint32_t nbins = u.nfft / 2 - 1;
     for (uint32_t j = 0; j < nb; ++j) {
-      FrameState &st = states[j];
-      st.noise = noise;
+      nextstate(f0[j], fv ? fv[j] : 0.0, cc + static_cast<uint64_t>(j) * u.p1, &states[j]);
       randgendraws(&noise, work[0].draws.data(), nbins);
-      st.f = voicing(u, fv ? fv[j] : 0.0, f0[j], cc + static_cast<uint64_t>(j) * u.p1, &st.fvi);
-      if (st.f > 0) {
-        if (f0prev > 0)
-          phi = phi + kPi * (st.f + f0prev) * static_cast<double>(u.shift) / u.fs;
-        else
-          phi = 0.0;
-      }
-      st.phi = phi;
-      f0prev = st.f;
     }
     runframes(u, nb, cc, states.data(), segments.data(), work.data(), threads > nb ? nb : threads);
     const uint64_t twoshift = 2 * static_cast<uint64_t>(u.shift);
@@ -426,7 +604,7 @@ struct CCSTREAM {
       round(nb, f0 + done, fv ? fv + done : nullptr, cc + static_cast<uint64_t>(done) * u.p1,
             [&](uint64_t i, const double *seg) {
               const uint32_t start = static_cast<uint32_t>(i * shift - acc0);
-              olatriang(acc.data(), seg, start, start + u.shift, start + 2 * u.shift);
+              olaframe(u.avx2, acc.data() + start, seg, u.shift);
             });
       done += nb;
       ready = nframes * shift;
@@ -547,8 +725,7 @@ int cc2waveformthreads(double *output, uint32_t length, double fs, uint32_t shif
       st.round(nb, f0 + b0, fv ? fv + b0 : nullptr, cc + b0 * p1, [&](uint64_t i, const double *seg) {
         const uint64_t start = i * shift;
         if (start + twoshift <= length)
-          olatriang(output, seg, static_cast<uint32_t>(start), static_cast<uint32_t>(start + shift),
-                    static_cast<uint32_t>(start + twoshift));
+          olaframe(st.u.avx2, output + start, seg, shift);
         else
           olatriangclipped(output, seg, start, shift, length);
       });

@@ -13,9 +13,10 @@ constexpr double kTwoPi = 6.283185307179586;
 // sqrt(2)/3: (2 - cos)^2 has mean 4.5, so the modulated noise keeps its power.
 constexpr double kModulationGain = 0.47140452079103173;
 
-// Harmonics are added a few at a time so that their rotations run side by side;
-// per sample the additions still happen in ascending harmonic order.
-constexpr unsigned kGroup = 8;
+// Harmonics are added a few at a time (eight, or sixteen with AVX2) so that
+// their rotations run side by side; per sample the additions still happen in
+// ascending harmonic order.
+constexpr unsigned kGroup = 16;
 
 struct Harmonic {
   double amplitude;
@@ -23,26 +24,32 @@ struct Harmonic {
   double ck, sk;  // per-sample rotation
 };
 
-// Two harmonics per SSE2 register: lane-wise IEEE products and sums, so each
-// lane rounds exactly as the scalar recurrence does.
+// Harmonics side by side in the lanes of a register: two per SSE2 register,
+// or four per AVX2 register where the processor has them (chosen at run
+// time). Lane-wise IEEE products and sums: each lane rounds exactly as the
+// scalar recurrence does, so both give the same bits.
 typedef double v2d __attribute__((vector_size(16)));
+typedef double v4d __attribute__((vector_size(32)));
 
 // Adds the G harmonics of h to buf[0..L-1]; when modulate, every sample is
 // first multiplied by the pitch-synchronous noise gain driven by (mc, ms).
-template <unsigned G, bool Modulate>
-void addgroup(double *buf, uint32_t L, Harmonic *h, double mc, double ms, double mc1, double ms1) {
-  constexpr unsigned V = G ? (G + 1) / 2 : 1;
-  v2d a[V], c[V], s[V], ck[V], sk[V];
+template <class VD, unsigned W, unsigned G, bool Modulate>
+inline __attribute__((always_inline)) void addgroup(double *buf, uint32_t L, const Harmonic *h, double mc, double ms,
+                                                    double mc1, double ms1) {
+  constexpr unsigned V = G ? (G + W - 1) / W : 1;
+  VD a[V], c[V], s[V], ck[V], sk[V];
 #pragma GCC unroll 8
   for (unsigned v = 0; v < V; ++v) {
-    const unsigned g0 = 2 * v, g1 = 2 * v + 1;
-    const Harmonic h0 = g0 < G ? h[g0] : Harmonic{0, 1, 0, 1, 0};
-    const Harmonic h1 = g1 < G ? h[g1] : Harmonic{0, 1, 0, 1, 0};  // unused lane
-    a[v] = v2d{h0.amplitude, h1.amplitude};
-    c[v] = v2d{h0.c, h1.c};
-    s[v] = v2d{h0.s, h1.s};
-    ck[v] = v2d{h0.ck, h1.ck};
-    sk[v] = v2d{h0.sk, h1.sk};
+#pragma GCC unroll 4
+    for (unsigned l = 0; l < W; ++l) {
+      const unsigned g = W * v + l;
+      const Harmonic hg = g < G ? h[g] : Harmonic{0, 1, 0, 1, 0};  // unused lane
+      a[v][l] = hg.amplitude;
+      c[v][l] = hg.c;
+      s[v][l] = hg.s;
+      ck[v][l] = hg.ck;
+      sk[v][l] = hg.sk;
+    }
   }
   for (uint32_t n = 0; n < L; ++n) {
     double b = buf[n];
@@ -55,34 +62,152 @@ void addgroup(double *buf, uint32_t L, Harmonic *h, double mc, double ms, double
     }
 #pragma GCC unroll 8
     for (unsigned v = 0; v < V; ++v) {
-      const v2d t = a[v] * c[v];
-      if (2 * v < G) b = t[0] + b;
-      if (2 * v + 1 < G) b = t[1] + b;
+      const VD t = a[v] * c[v];
+#pragma GCC unroll 4
+      for (unsigned l = 0; l < W; ++l)
+        if (W * v + l < G) b = t[l] + b;
     }
     buf[n] = b;
 #pragma GCC unroll 8
     for (unsigned v = 0; v < V; ++v) {
-      const v2d nc = c[v] * ck[v] - s[v] * sk[v];
-      const v2d ns = s[v] * ck[v] + c[v] * sk[v];
+      const VD nc = c[v] * ck[v] - s[v] * sk[v];
+      const VD ns = s[v] * ck[v] + c[v] * sk[v];
       c[v] = nc;
       s[v] = ns;
     }
   }
 }
 
-template <bool Modulate>
-void addharmonics(double *buf, uint32_t L, Harmonic *h, unsigned g, double mc, double ms, double mc1,
-                  double ms1) {
+template <class VD, unsigned W, bool Modulate>
+inline __attribute__((always_inline)) void addharmonicsbody(double *buf, uint32_t L, const Harmonic *h, unsigned g,
+                                                            double mc, double ms, double mc1, double ms1) {
   switch (g) {
-    case 1: addgroup<1, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
-    case 2: addgroup<2, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
-    case 3: addgroup<3, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
-    case 4: addgroup<4, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
-    case 5: addgroup<5, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
-    case 6: addgroup<6, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
-    case 7: addgroup<7, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
-    case 8: addgroup<8, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
-    default: addgroup<0, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 1: addgroup<VD, W, 1, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 2: addgroup<VD, W, 2, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 3: addgroup<VD, W, 3, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 4: addgroup<VD, W, 4, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 5: addgroup<VD, W, 5, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 6: addgroup<VD, W, 6, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 7: addgroup<VD, W, 7, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    case 8: addgroup<VD, W, 8, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+    default: addgroup<VD, W, 0, Modulate>(buf, L, h, mc, ms, mc1, ms1); break;
+  }
+}
+
+template <bool Modulate>
+void addharmonicssse2(double *buf, uint32_t L, const Harmonic *h, unsigned g, double mc, double ms, double mc1,
+                      double ms1) {
+  addharmonicsbody<v2d, 2, Modulate>(buf, L, h, g, mc, ms, mc1, ms1);
+}
+
+typedef long long v4i __attribute__((vector_size(32)));
+
+// 4R harmonics on AVX2, four samples at a time: the products of the four
+// samples are transposed so that one register holds a harmonic at four
+// samples, and the sums run in sample lanes, still in ascending harmonic
+// order. The rotations, products and sums are those of addgroup<v4d, 4, 4R>;
+// only the lanes they are added in differ. R registers of rotations hide
+// the latency of each rotation step.
+template <unsigned R, bool Modulate>
+__attribute__((target("avx2"))) void addblockavx2(double *buf, uint32_t L, const Harmonic *h, double mc, double ms,
+                                                   double mc1, double ms1) {
+  v4d a[R], c[R], s[R], ck[R], sk[R];
+  for (unsigned v = 0; v < R; ++v)
+    for (unsigned l = 0; l < 4; ++l) {
+      const Harmonic &hg = h[4 * v + l];
+      a[v][l] = hg.amplitude;
+      c[v][l] = hg.c;
+      s[v][l] = hg.s;
+      ck[v][l] = hg.ck;
+      sk[v][l] = hg.sk;
+    }
+  const v4i lo = {0, 4, 2, 6}, hi = {1, 5, 3, 7}, first = {0, 1, 4, 5}, second = {2, 3, 6, 7};
+  uint32_t n = 0;
+  for (; n + 4 <= L; n += 4) {
+    double bq[4];
+#pragma GCC unroll 4
+    for (unsigned q = 0; q < 4; ++q) {
+      bq[q] = buf[n + q];
+      if (Modulate) {
+        bq[q] = (2.0 - mc) * kModulationGain * bq[q];
+        const double nc = mc * mc1 - ms * ms1;
+        const double ns = ms * mc1 + mc * ms1;
+        mc = nc;
+        ms = ns;
+      }
+    }
+    v4d b = {bq[0], bq[1], bq[2], bq[3]};
+    v4d t[R][4];  // register v, sample q
+#pragma GCC unroll 4
+    for (unsigned q = 0; q < 4; ++q) {
+#pragma GCC unroll 4
+      for (unsigned v = 0; v < R; ++v) {
+        t[v][q] = a[v] * c[v];
+        const v4d nc = c[v] * ck[v] - s[v] * sk[v];
+        const v4d ns = s[v] * ck[v] + c[v] * sk[v];
+        c[v] = nc;
+        s[v] = ns;
+      }
+    }
+#pragma GCC unroll 4
+    for (unsigned v = 0; v < R; ++v) {
+      const v4d u0 = __builtin_shuffle(t[v][0], t[v][1], lo), u1 = __builtin_shuffle(t[v][0], t[v][1], hi);
+      const v4d u2 = __builtin_shuffle(t[v][2], t[v][3], lo), u3 = __builtin_shuffle(t[v][2], t[v][3], hi);
+      b = __builtin_shuffle(u0, u2, first) + b;  // harmonic 4v at the four samples
+      b = __builtin_shuffle(u1, u3, first) + b;
+      b = __builtin_shuffle(u0, u2, second) + b;
+      b = __builtin_shuffle(u1, u3, second) + b;
+    }
+    __builtin_memcpy(buf + n, &b, sizeof b);
+  }
+  for (; n < L; ++n) {
+    double b = buf[n];
+    if (Modulate) {
+      b = (2.0 - mc) * kModulationGain * b;
+      const double nc = mc * mc1 - ms * ms1;
+      const double ns = ms * mc1 + mc * ms1;
+      mc = nc;
+      ms = ns;
+    }
+    for (unsigned v = 0; v < R; ++v) {
+      const v4d t = a[v] * c[v];
+      for (unsigned l = 0; l < 4; ++l) b = t[l] + b;
+      const v4d nc = c[v] * ck[v] - s[v] * sk[v];
+      const v4d ns = s[v] * ck[v] + c[v] * sk[v];
+      c[v] = nc;
+      s[v] = ns;
+    }
+    buf[n] = b;
+  }
+}
+
+template <bool Modulate>
+__attribute__((target("avx2"))) void addharmonicsavx2(double *buf, uint32_t L, const Harmonic *h, unsigned g,
+                                                       double mc, double ms, double mc1, double ms1) {
+  if (g == 16) {
+    addblockavx2<4, Modulate>(buf, L, h, mc, ms, mc1, ms1);
+  } else if (g > 8) {  // the first eight (and the modulation), then the others
+    addblockavx2<2, Modulate>(buf, L, h, mc, ms, mc1, ms1);
+    addharmonicsbody<v4d, 4, false>(buf, L, h + 8, g - 8, mc, ms, mc1, ms1);
+  } else if (g == 8) {
+    addblockavx2<2, Modulate>(buf, L, h, mc, ms, mc1, ms1);
+  } else {
+    addharmonicsbody<v4d, 4, Modulate>(buf, L, h, g, mc, ms, mc1, ms1);
+  }
+}
+
+void addharmonics(bool avx2, bool modulate, double *buf, uint32_t L, const Harmonic *h, unsigned g, double mc,
+                  double ms, double mc1, double ms1) {
+  if (avx2) {
+    if (modulate)
+      addharmonicsavx2<true>(buf, L, h, g, mc, ms, mc1, ms1);
+    else
+      addharmonicsavx2<false>(buf, L, h, g, mc, ms, mc1, ms1);
+  } else {
+    if (modulate)
+      addharmonicssse2<true>(buf, L, h, g, mc, ms, mc1, ms1);
+    else
+      addharmonicssse2<false>(buf, L, h, g, mc, ms, mc1, ms1);
   }
 }
 
@@ -120,6 +245,8 @@ int genharmonics(double *buf, uint32_t before, uint32_t after, double fs, double
     ms = std::sin(theta0);
   }
 
+  const bool avx2 = __builtin_cpu_supports("avx2");
+  const unsigned groupsize = avx2 ? kGroup : kGroup / 2;
   Harmonic group[kGroup];
   unsigned g = 0;
   double ck = c1, sk = s1;
@@ -134,21 +261,13 @@ int genharmonics(double *buf, uint32_t before, uint32_t after, double fs, double
     const double nsk = sk * c1 + ck * s1;
     ck = nck;
     sk = nsk;
-    if (g == kGroup) {
-      if (pending)
-        addharmonics<true>(buf, L, group, g, mc, ms, c1, s1);
-      else
-        addharmonics<false>(buf, L, group, g, mc, ms, c1, s1);
+    if (g == groupsize) {
+      addharmonics(avx2, pending, buf, L, group, g, mc, ms, c1, s1);
       pending = false;
       g = 0;
     }
   }
-  if (g > 0 || pending) {
-    if (pending)
-      addharmonics<true>(buf, L, group, g, mc, ms, c1, s1);
-    else
-      addharmonics<false>(buf, L, group, g, mc, ms, c1, s1);
-  }
+  if (g > 0 || pending) addharmonics(avx2, pending, buf, L, group, g, mc, ms, c1, s1);
   return 0;
 }
 

@@ -45,17 +45,38 @@ int32_t randgendraw(RANDGEN *s) {
 }
 
 void randgendraws(RANDGEN *s, int32_t *out, uint32_t count) {
+  // The table read oldest first (the word at front is x[i-31], the one before
+  // it x[i-1]) into a straight run, extended without wrap-around tests, and
+  // its last 31 words written back where the draws one by one leave them.
+  constexpr uint32_t kChunk = 256;
+  uint32_t x[kWords + kChunk];
   uint32_t *r = s->r;
-  uint32_t front = s->front, rear = s->rear;
-  for (uint32_t i = 0; i < count; ++i) {
-    const uint32_t v = r[front] + r[rear];
-    r[front] = v;
-    out[i] = static_cast<int32_t>(v >> 1);
-    front = front + 1 == kWords ? 0 : front + 1;
-    rear = rear + 1 == kWords ? 0 : rear + 1;
+  uint32_t front = s->front;
+  if (front >= kWords || s->rear != (front >= kLag ? front - kLag : front + kWords - kLag)) {
+    // Not a state that seeding and drawing make: drawn one by one as given.
+    for (uint32_t i = 0; i < count; ++i) out[i] = randgendraw(s);
+    return;
   }
+  const uint32_t tail = kWords - front;  // words from front to the table's end
+  for (uint32_t j = 0; j < tail; ++j) x[j] = r[front + j];
+  for (uint32_t j = tail; j < kWords; ++j) x[j] = r[j - tail];
+  while (count > 0) {
+    const uint32_t n = count < kChunk ? count : kChunk;
+    for (uint32_t m = 0; m < n; ++m) {
+      const uint32_t v = x[m] + x[m + kWords - kLag];
+      x[m + kWords] = v;
+      out[m] = static_cast<int32_t>(v >> 1);
+    }
+    for (uint32_t j = 0; j < kWords; ++j) x[j] = x[n + j];
+    front = (front + n) % kWords;  // n < 2^31: no wrap of the sum
+    out += n;
+    count -= n;
+  }
+  const uint32_t end = kWords - front;
+  for (uint32_t j = 0; j < end; ++j) r[front + j] = x[j];
+  for (uint32_t j = end; j < kWords; ++j) r[j - end] = x[j];
   s->front = front;
-  s->rear = rear;
+  s->rear = front >= kLag ? front - kLag : front + kWords - kLag;
 }
 
 }  // extern "C"

@@ -26,12 +26,13 @@ TEST(Randgen, SameSequenceAsTheCLibraryForManySeeds) {
 }
 
 TEST(Randgen, BatchDrawsContinueTheSameSequence) {
-  // Batches of every size around the table length, interleaved with single draws.
+  // Batches of every size around the table length and across the 256-draw
+  // chunks of a batch, interleaved with single draws.
   RANDGEN a, b;
   randgenseed(&a, 3);
   randgenseed(&b, 3);
-  std::vector<int32_t> got(70);
-  for (uint32_t count : {0u, 1u, 2u, 30u, 31u, 32u, 61u, 62u, 70u}) {
+  std::vector<int32_t> got(600);
+  for (uint32_t count : {0u, 1u, 2u, 30u, 31u, 32u, 61u, 62u, 70u, 256u, 600u}) {
     randgendraws(&a, got.data(), count);
     for (uint32_t i = 0; i < count; ++i) ASSERT_EQ(got[i], randgendraw(&b)) << count << " " << i;
     ASSERT_EQ(randgendraw(&a), randgendraw(&b));
