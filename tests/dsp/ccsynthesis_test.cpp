@@ -303,9 +303,11 @@ TEST(Cc2waveform, FvFromC0) {
   EXPECT_TRUE(samebits(synth(l, false), synth(l, true)));
 }
 
-TEST(Cc2waveform, ShortOutputsAreAPrefixAndEveryThreadCountGivesTheSameBits) {
-  // 3 s: more frames than one round of the threaded synthesis holds; outputs
-  // that end anywhere, within the second round, or beyond the utterance (zeros).
+TEST(Cc2waveform, ShortOutputsThreadsAndStreamsGiveTheWholeUtteranceBits) {
+  // 3 s: more frames than one round of the threaded synthesis holds. Outputs that end anywhere,
+  // within the second round, or beyond the utterance (zeros), on any number of threads; streams
+  // pushed 1, 7 and 600 frames (beyond one round) at a time, pulled 1, 333 and everything at
+  // once, as the samples become final and after the end.
   SynthUtterance u = utterance(3.0, 4);
   for (uint32_t i = 0; i < u.nframes; ++i) u.frame(i)[0] += 10.9;  // c0 whose round trip shows
   const uint32_t L = getwaveformlength(u.shift, u.nframes);
@@ -322,19 +324,6 @@ TEST(Cc2waveform, ShortOutputsAreAPrefixAndEveryThreadCountGivesTheSameBits) {
         // Nothing written beyond; frames beyond the output still make the c0 round trip.
         EXPECT_TRUE(samebits(out, want) && samebits(cc, fullcc)) << withfv << " " << len << " " << threads;
       }
-  }
-}
-
-TEST(Ccstream, AnyChunkingGivesTheWholeUtteranceBits) {
-  // Pushes of 1, 7 and 600 frames (beyond one round), pulls of 1, 333 and
-  // everything at once, pulled as they become final and after the end.
-  SynthUtterance u = utterance(3.0, 5);
-  for (uint32_t i = 0; i < u.nframes; ++i) u.frame(i)[0] += 10.9;
-  const uint32_t L = getwaveformlength(u.shift, u.nframes);
-  for (bool withfv : {true, false}) {
-    const double *fv = withfv ? u.fv.data() : nullptr;
-    std::vector<double> want(L), cc1 = u.cc;
-    cc2waveform(want.data(), L, u.fs, u.shift, u.nframes, u.f0.data(), fv, u.order, cc1.data(), u.alpha);
     double f0min, c0min, c0max;
     ASSERT_EQ(ccstreamprescan(u.nframes, u.f0.data(), u.cc.data(), u.order, withfv, &f0min, &c0min, &c0max), 0);
     const uint32_t cases[][3] = {{1, 1, 1}, {7, 333, 1}, {600, L, 2}, {7, 1, 3}};  // push, pull, threads
@@ -342,17 +331,21 @@ TEST(Ccstream, AnyChunkingGivesTheWholeUtteranceBits) {
       CCSTREAM *st = ccstreamopen(u.fs, u.shift, u.order, u.alpha, f0min, withfv, c0min, c0max, c[2]);
       ASSERT_NE(st, nullptr);
       std::vector<double> out, cc = u.cc, buf(c[1]);
+      auto pullall = [&] {
+        for (uint32_t got; (got = ccstreampull(st, buf.data(), c[1])) > 0;)
+          out.insert(out.end(), buf.data(), buf.data() + got);
+      };
       for (uint32_t i = 0; i < u.nframes; i += c[0]) {
         const uint32_t n = std::min(c[0], u.nframes - i);
         ASSERT_EQ(ccstreampush(st, n, u.f0.data() + i, fv ? fv + i : nullptr, cc.data() + size_t(i) * (u.order + 1)), 0);
-        for (uint32_t got; (got = ccstreampull(st, buf.data(), c[1])) > 0;) out.insert(out.end(), buf.begin(), buf.begin() + got);
+        pullall();
         EXPECT_EQ(out.size(), size_t(i + n) * u.shift);  // final up to the next frame's start
       }
       EXPECT_EQ(ccstreamfinish(st), 0);
       EXPECT_EQ(ccstreampush(st, 1, u.f0.data(), fv, cc.data()), -1);
-      for (uint32_t got; (got = ccstreampull(st, buf.data(), c[1])) > 0;) out.insert(out.end(), buf.begin(), buf.begin() + got);
+      pullall();
       ccstreamclose(st);
-      EXPECT_TRUE(samebits(out, want) && samebits(cc, cc1)) << withfv << " " << c[0] << " " << c[1];
+      EXPECT_TRUE(samebits(out, full) && samebits(cc, fullcc)) << withfv << " " << c[0] << " " << c[1];
     }
   }
   EXPECT_EQ(ccstreamopen(16000.0, 0, 39, 0.42, 100.0, 0, 0.0, 1.0, 1), nullptr);

@@ -73,9 +73,10 @@ TEST(HarmonicModel, RecoversAmplitudesAndCentrePhasesAndRefusesUnusableFrames) {
   const struct { const double *x; uint32_t n, centre; double f0; uint32_t H; HAMEM *a; int result; } cases[] = {
       {x, 4000, 9000, 150.0, 53, area, -1}, {x, 4000, 0xFFFFFFF0u, 150.0, 53, area, -1},
       {nullptr, 0, 0, 150.0, 53, area, -1}, {x, 4000, 2000, 59.0, 10, area, -1}, {x, 4000, 2000, NAN, 10, area, -1},
-      {x, 4000, 2000, INFINITY, 10, area, -1}, {x, 4000, 2000, 8000.0, 1, area, -1}, {x, 4000, 2000, 150.0, 0, area, -1},
-      {x, 4000, 2000, 150.0, 134, area, -1}, {bad.data(), 4000, 2000, 150.0, 53, area, -1},
-      {x, 4000, 2000, 150.0, 53, nullptr, -1}, {x, 4000, 3999, 150.0, 53, area, 0}, {x, 4000, 0, 150.0, 53, area, 0}};
+      {x, 4000, 2000, INFINITY, 10, area, -1}, {x, 4000, 2000, 8000.0, 1, area, -1},
+      {x, 4000, 2000, 150.0, 0, area, -1}, {x, 4000, 2000, 150.0, 134, area, -1},
+      {bad.data(), 4000, 2000, 150.0, 53, area, -1}, {x, 4000, 2000, 150.0, 53, nullptr, -1},
+      {x, 4000, 3999, 150.0, 53, area, 0}, {x, 4000, 0, 150.0, 53, area, 0}};
   for (const auto &c : cases) {
     EXPECT_EQ(getharmonics(c.x, c.n, kFs, c.centre, c.f0, c.H, amp.data(), nullptr, c.a), c.result) << &c - cases;
     for (uint32_t k = 0; c.result == 0 && k < 53; ++k) EXPECT_TRUE(std::isfinite(amp[k]) && amp[k] < s.amp[k] * 2.0);
@@ -87,7 +88,8 @@ TEST(HarmonicModel, RecoversAmplitudesAndCentrePhasesAndRefusesUnusableFrames) {
   ASSERT_NE(low, nullptr);
   EXPECT_TRUE(low->fmin == 20.0 && low->maxharms == hanoharms(kFs, 4000.0, 20.0));
   hamemdestroy(low);
-  EXPECT_TRUE(!hameminitialize(NAN, kFs, 60.0) && !hameminitialize(-1.0, kFs, 60.0) && !qhameminitialize(kFs, NAN, 60.0));
+  EXPECT_TRUE(!hameminitialize(NAN, kFs, 60.0) && !hameminitialize(-1.0, kFs, 60.0) &&
+              !qhameminitialize(kFs, NAN, 60.0));
 }
 
 // getharmonics evaluated sample by sample: weights, sums, normal matrices,
