@@ -277,6 +277,11 @@ TEST(Cc2waveform, VoicingThresholds) {
     std::fill(z.f0.begin(), z.f0.end(), 0.0);
     EXPECT_EQ(!samebits(synth(v, true), synth(z, true)), c.voiced) << c.f0 << " " << c.fv;
   }
+  // A frame unvoiced by the range check also restarts the phase of the next voiced frame.
+  SynthUtterance a = steady(12, 200.0, 4000.0, -5.0), b = a;
+  a.f0[5] = 2000.0;
+  b.f0[5] = 0.0;
+  EXPECT_TRUE(samebits(synth(a, true), synth(b, true)));
 }
 
 TEST(Cc2waveform, FvFromC0) {

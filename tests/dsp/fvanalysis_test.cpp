@@ -225,28 +225,25 @@ TEST(GetFvoicing, KnownVoicedBands) {
 }
 
 TEST(GetFvoicing, UnvoicedFramesAndDegenerateInput) {
+  // Unvoiced frames (NaN and infinite f0 too) get 0; frames past the end, of an empty signal
+  // or with f0 beyond the band are silent (1000); fewer frames than the median width (5) stay
+  // unfiltered. A voiced f0 needing a gigantic transform, or a bad rate, is refused with fv all 0.
   const std::vector<double> x = voicedsignal(200, 4000, 0.002, 8000);
-  std::vector<double> f0(90, 0.0), fv(90, -1);
-  ASSERT_EQ(getfvoicing(x.data(), 8000, 16000, 80, 80, 90, f0.data(), fv.data()), 0);
-  EXPECT_EQ(fv, std::vector<double>(90, 0.0));
-  // NaN and infinite f0 are unvoiced; frames past the end are silent (1000); fewer frames
-  // than the median width (5) stay unfiltered.
-  f0 = {kNaN, 200, kInf, 200};
-  ASSERT_EQ(getfvoicing(x.data(), 8000, 16000, 80, 8200, 4, f0.data(), fv.data()), 0);
-  EXPECT_EQ(std::vector<double>(fv.begin(), fv.begin() + 4), (std::vector<double>{0, 1000, 0, 1000}));
-  // A voiced f0 needing a gigantic transform, or a bad rate, is refused with fv all 0.
-  f0 = {200, 1e-6, 200};
-  EXPECT_EQ(getfvoicing(x.data(), 8000, 16000, 80, 80, 3, f0.data(), fv.data()), -1);
-  EXPECT_EQ(std::vector<double>(fv.begin(), fv.begin() + 3), std::vector<double>(3, 0.0));
-  f0 = {200, 200, 200};
-  EXPECT_EQ(getfvoicing(x.data(), 8000, 0, 80, 80, 3, f0.data(), fv.data()), -1);
+  const struct { const double *x; uint32_t n; double fs; uint32_t first; std::vector<double> f0, fv; int result; }
+  cases[] = {{x.data(), 8000, 16000, 80, std::vector<double>(9, 0.0), std::vector<double>(9, 0.0), 0},
+             {x.data(), 8000, 16000, 8200, {kNaN, 200, kInf, 200}, {0, 1000, 0, 1000}, 0},
+             {nullptr, 0, 16000, 0, {200, 9000, 20000}, {1000, 1000, 1000}, 0},
+             {x.data(), 8000, 16000, 80, {200, 1e-6, 200}, {0, 0, 0}, -1},
+             {x.data(), 8000, 0, 80, {200, 200, 200}, {0, 0, 0}, -1}};
+  for (const auto &c : cases) {
+    std::vector<double> fv(c.f0.size(), -1);
+    EXPECT_EQ(getfvoicing(c.x, c.n, c.fs, 80, c.first, static_cast<uint32_t>(fv.size()), c.f0.data(), fv.data()),
+              c.result) << &c - cases;
+    EXPECT_EQ(fv, c.fv) << &c - cases;
+  }
   double untouched = 5;
   EXPECT_EQ(getfvoicing(x.data(), 8000, 16000, 80, 80, 0, nullptr, &untouched), 0);
   EXPECT_EQ(untouched, 5);
-  // Empty signal, very high f0: silent frames.
-  f0 = {200, 9000, 20000};
-  EXPECT_EQ(getfvoicing(nullptr, 0, 16000, 80, 0, 3, f0.data(), fv.data()), 0);
-  EXPECT_EQ(std::vector<double>(fv.begin(), fv.begin() + 3), std::vector<double>(3, 1000.0));
 }
 
 }  // namespace
