@@ -303,7 +303,7 @@ TEST(Cc2waveform, FvFromC0) {
   EXPECT_TRUE(samebits(synth(l, false), synth(l, true)));
 }
 
-TEST(Cc2waveform, ShortOutputsThreadsAndStreamsGiveTheWholeUtteranceBits) {
+TEST(Cc2waveform, ShortOutputsStreamsAndEveryThreadCountGiveTheWholeUtteranceBits) {
   // 3 s: more frames than one round of the threaded synthesis holds. Outputs that end anywhere,
   // within the second round, or beyond the utterance (zeros), on any number of threads; streams
   // pushed 1, 7 and 600 frames (beyond one round) at a time, pulled 1, 333 and everything at
