@@ -29,7 +29,9 @@ TEST(CholeskyInvDet, HandComputedAndDegenerateCases) {
     for (int16_t own : {int16_t{1}, int16_t{0}}) {
       std::vector<double> m = c.m, inv(c.n * c.n, 123.0);
       const double det = choleskyinvdet(c.n, m.data(), inv.data(), own);
-      EXPECT_TRUE(std::isnan(c.det) ? std::isnan(det) : c.det ? std::fabs(det - c.det) < 1e-14 : det == 0.0) << det;
+      // An exact 0.0 marks failure (a zero or negative pivot).
+      EXPECT_TRUE(std::isnan(c.det) ? std::isnan(det) : c.det ? std::fabs(det - c.det) < 1e-14 : det == 0.0)
+          << det;
       for (size_t k = 0; k < c.inv.size(); ++k)
         if (std::isnan(c.inv[k])) EXPECT_TRUE(std::isnan(inv[k]));
         else EXPECT_NEAR(inv[k], c.inv[k], 1e-15) << "element " << k;
