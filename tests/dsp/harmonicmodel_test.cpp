@@ -197,7 +197,9 @@ TEST(QuasiHarmonicModel, CorrectsEachHarmonicAndFitsAmplitudeRamps) {
     for (uint32_t k = 0; k < H; ++k) {
       EXPECT_NEAR(fr[k], s.freq[k], c.ftol) << "harmonic " << k + 1;
       EXPECT_NEAR(amp[k] / s.amp[k], 1.0, c.atol) << "harmonic " << k + 1;
-      if (c.ptol > 0) EXPECT_NEAR(std::remainder(ph[k] - s.phase[k], 2 * kPi), 0.0, c.ptol) << "harmonic " << k + 1;
+      if (c.ptol > 0) {
+        EXPECT_NEAR(std::remainder(ph[k] - s.phase[k], 2 * kPi), 0.0, c.ptol) << "harmonic " << k + 1;
+      }
     }
   }
   // A harmonic area is not a quasi-harmonic one.
