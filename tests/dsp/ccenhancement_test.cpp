@@ -73,11 +73,6 @@ TEST(CepstralEnhancement, CompressorGainCurveAndKnees) {
     EXPECT_NEAR(cc[0], 1.0 - c.f * 10 * kDbToLogAmp, 1e-14) << c.d;
     EXPECT_NEAR(cc[1], quiet + c.f * c.rise * kDbToLogAmp, c.rise == 0.0 ? 0.0 : 1e-13) << c.d << " " << c.f;
   }
-  // One step above -40 dB the raising piece 4d + 120 already applies.
-  std::vector<double> cc = {1.0, c0atdb(std::nextafter(-40.0, 0.0))};
-  const double q40 = cc[1];
-  applycdrc16k042(cc.data(), 0, 2, 1.0);
-  EXPECT_TRUE(cc[1] > q40 && cc[1] < q40 + 1e-13);
 }
 
 TEST(CepstralEnhancement, CompressorMaximumSkipsNaNAndUsesFortyCoefficients) {
@@ -141,8 +136,6 @@ TEST(CepstralEnhancement, CompressorLeavesTheMatrixWhenItsWorkArrayCannotBeHad) 
   gFailNothrowArrayNew = false;
   ASSERT_GE(gNothrowArrayNewCalls, 1) << "the work array no longer comes from nothrow new[]";
   EXPECT_TRUE(samebits(cc, before));
-  applycdrc16k042(cc.data(), 0, 3, 1.0);  // with the allocation available the frames do change
-  EXPECT_FALSE(samebits(cc, before));
 }
 
 TEST(CepstralEnhancement, PostfilterWeightsAreClampedPerFrame) {

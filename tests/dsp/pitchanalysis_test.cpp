@@ -45,13 +45,11 @@ struct Frame {
   }
 };
 
-TEST(PitchCandidates, ConstantsAndUnvoicedStrength) {
-  EXPECT_TRUE(kCosts.voicingthreshold == 0.45 && kCosts.silencethreshold == 0.03 && kCosts.octavecost == 0.01);
-  EXPECT_DOUBLE_EQ(kCosts.octavejumpcost, 0.7);
-  EXPECT_DOUBLE_EQ(kCosts.voicedunvoicedcost, 0.28);
+TEST(PitchCandidates, CostScalingAndUnvoicedStrength) {
+  // Costs scale with t = 0.01 fs / shift (the transition tests below use t = 2).
   const pt::TrackerCosts k8 = pt::trackercosts(8000, 160);  // t = 0.5
-  EXPECT_DOUBLE_EQ(k8.octavejumpcost, 0.175);
-  EXPECT_DOUBLE_EQ(k8.voicedunvoicedcost, 0.07);
+  EXPECT_TRUE(k8.voicingthreshold == 0.45 && k8.silencethreshold == 0.03 && k8.octavecost == 0.01);
+  EXPECT_TRUE(std::fabs(k8.octavejumpcost - 0.175) < 1e-15 && std::fabs(k8.voicedunvoicedcost - 0.07) < 1e-15);
   // V + max(0, 2 - a / (S / (1 + V))), a = min(P/G, 1); silence (0/0) gets no bonus and no NaN.
   const double cases[][3] = {{0, 1, 2.45}, {2, 1, 0.45}, {0.01, 1, 0.45 + 2 - 0.01 / (0.03 / 1.45)}, {0, 0, 0.45}};
   for (const auto &c : cases) EXPECT_NEAR(pt::unvoicedstrength(c[0], c[1], kCosts), c[2], 1e-12) << c[0];
@@ -265,44 +263,37 @@ TEST(GetPitch, HarmonicSignalsAndRanges) {
   }
 }
 
-TEST(GetPitch, SilenceEdgesNaNAndDeterminism) {
+TEST(GetPitch, SilenceEdgesNaNAndRefusals) {
   std::vector<double> silence(8000, 0.0), f0(120, -1.0);
   ASSERT_EQ(getpitch(silence.data(), 8000, 16000, 80, 0, 120, 60, 500, f0.data()), 0);
   EXPECT_EQ(f0, std::vector<double>(120, 0.0));
-  // Empty signal; frames past the end (centres beyond 4000 + window); the first centre far beyond.
+  // Empty signal; frames past the end (centres beyond 4000 + window); nframes == 0 writes nothing.
   ASSERT_EQ(getpitch(nullptr, 0, 16000, 80, 0, 5, 60, 500, f0.data()), 0);
   EXPECT_EQ(std::vector<double>(f0.begin(), f0.begin() + 5), std::vector<double>(5, 0.0));
   const std::vector<double> x = harmonic(200, 4000, 10);
   ASSERT_EQ(getpitch(x.data(), 4000, 16000, 80, 0, 120, 60, 500, f0.data()), 0);
   for (uint32_t k = 5; k < 120; ++k) EXPECT_NEAR(f0[k], k < 45 ? 200 : 0, k < 45 ? 2 : k < 60 ? 500 : 0) << k;
-  ASSERT_EQ(getpitch(x.data(), 4000, 16000, 80, 4000000000u, 3, 60, 500, f0.data()), 0);
-  double untouched = 7;  // nframes == 0 writes nothing
-  EXPECT_EQ(getpitch(x.data(), 4000, 16000, 80, 0, 0, 60, 500, &untouched), 0);
-  EXPECT_EQ(untouched, 7);
-  // A NaN sample: the input stays as it is and the track is the same every time; every
-  // value is 0 or within the range, and far from the NaN the pitch is found.
-  std::vector<double> z = harmonic(200, 16000, 10), g(190, -1.0), h(190);
+  EXPECT_EQ(getpitch(x.data(), 4000, 16000, 80, 0, 0, 60, 500, nullptr) +
+                getpitch(x.data(), 4000, 16000, 80, 4000000000u, 3, 60, 500, f0.data()), 0);
+  // A NaN sample: the input stays as it is; every value is 0 or within the range, and far from
+  // the NaN the pitch is found.
+  std::vector<double> z = harmonic(200, 16000, 10), g(190, -1.0);
   z[8000] = kNaN;
   const std::vector<double> copy = z;
   ASSERT_EQ(getpitch(z.data(), 16000, 16000, 80, 80, 190, 60, 500, g.data()), 0);
-  getpitch(z.data(), 16000, 16000, 80, 80, 190, 60, 500, h.data());
-  EXPECT_TRUE(kestreltest::samebits(z, copy) && g == h);
+  EXPECT_TRUE(kestreltest::samebits(z, copy));
   for (double v : g) EXPECT_TRUE(v == 0 || (v >= 60 && v <= 500)) << v;
   EXPECT_NEAR(g[20], 200, 2);
-}
-
-TEST(GetPitch, RefusedArgumentsZeroTheTrack) {
-  const std::vector<double> y = harmonic(200, 4000, 10);
-  // {fs, shift, f0min}: no frame step, bad rates, windows of 4.8e10 samples, infinite or 3 samples (5 is the least).
+  // Refused, track zeroed {fs, shift, f0min}: no frame step, bad rates, windows of 4.8e10
+  // samples, infinite or 3 samples (5 is the least).
   const double refused[][3] = {{16000, 0, 60}, {kNaN, 80, 60}, {kInf, 80, 60}, {16000, 80, 1e-6}, {16000, 80, kInf},
                                {16000, 80, 16001}};
   for (const auto &c : refused) {
     std::vector<double> out(10, -1.0);
-    EXPECT_EQ(getpitch(y.data(), 4000, c[0], static_cast<uint32_t>(c[1]), 0, 10, c[2], 0, out.data()), -1) << c[2];
+    EXPECT_EQ(getpitch(x.data(), 4000, c[0], static_cast<uint32_t>(c[1]), 0, 10, c[2], 0, out.data()), -1) << c[2];
     EXPECT_EQ(out, std::vector<double>(10, 0.0));
   }
-  std::vector<double> out(10, -1.0);  // a 5-sample window runs without reading out of bounds
-  EXPECT_EQ(getpitch(y.data(), 4000, 16000, 80, 0, 10, 9600, 0, out.data()), 0);
+  EXPECT_EQ(getpitch(x.data(), 4000, 16000, 80, 0, 10, 9600, 0, f0.data()), 0);  // a 5-sample window
 }
 
 }  // namespace

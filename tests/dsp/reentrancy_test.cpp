@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,11 +12,13 @@
 #include "ccanalysis.h"
 #include "fvanalysis.h"
 #include "pitchanalysis.h"
+#include "support/synthref.h"
 #include "support/synthutt.h"
 #include "wavm1616io.h"
 
 namespace {
 
+using kestreltest::samebits;
 using kestreltest::SynthUtterance;
 
 constexpr int kThreads = 4;
@@ -43,10 +44,6 @@ std::vector<double> analyse(const std::vector<double> &x, uint8_t method) {
   all.insert(all.end(), fv.begin(), fv.end());
   all.insert(all.end(), cc.begin(), cc.end());
   return all;
-}
-
-bool samebits(const std::vector<double> &a, const std::vector<double> &b) {
-  return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(double)) == 0;
 }
 
 // Runs job(t) on kThreads threads at once and checks each result against the

@@ -30,46 +30,36 @@ TEST(Windowing, WindowsAgainstClosedForms) {
         EXPECT_NEAR(q[n], static_cast<double>(w[n] * -std::sin(ang)), 1e-15) << c.name << " N=" << N << " n=" << n;
       }
     }
-  double h[5];
-  winhanning(h, 5, 0);
-  EXPECT_TRUE(h[0] == 0.0 && h[2] == 1.0);  // cos(0) is exactly 1, cos(2 * (2pi/4)) rounds to exactly -1
 }
 
 TEST(Windowing, WindowedSegmentEdgesAndResult) {
-  const uint32_t len = 10;
-  double x[len];
-  for (uint32_t i = 0; i < len; ++i) x[i] = 1.0 + i;  // never 0
-  // first: input index of out[0] (centre - half), may be negative.
-  const struct { uint32_t centre, half; int first; } cases[] = {
-      {0, 3, -3}, {2, 3, -1}, {3, 3, 0}, {6, 3, 3}, {9, 3, 6}, {11, 3, 8}, {4, 8, -4} /* wider than the signal */};
+  double x[10];
+  for (uint32_t i = 0; i < 10; ++i) x[i] = 1.0 + i;  // never 0
+  // out[k] is x[centre - half + k] where that lies in the signal, else 0; result 1 when any
+  // sample was copied. Segments wider than the signal, wholly outside it, with unsigned bounds
+  // that would wrap, and an empty signal.
+  const struct { uint32_t n, centre, half; } cases[] = {{10, 0, 3},  {10, 2, 3},   {10, 3, 3}, {10, 6, 3},
+                                                        {10, 9, 3},  {10, 11, 3},  {10, 4, 8}, {10, 100, 3},
+                                                        {10, 0xFFFFFFFEu, 3}, {0, 0, 3}};
   for (const auto &c : cases) {
     const uint32_t L = 2 * c.half + 1;
     std::vector<double> out(L, 99.0), expect(L, 0.0);
     bool any = false;
     for (uint32_t k = 0; k < L; ++k) {
-      const int idx = c.first + static_cast<int>(k);
-      if (idx >= 0 && idx < static_cast<int>(len)) expect[k] = x[idx], any = true;
+      const int64_t idx = int64_t{c.centre} - c.half + k;
+      if (idx >= 0 && idx < int64_t{c.n}) expect[k] = x[idx], any = true;
     }
-    EXPECT_EQ(getwindowedsamples(x, len, c.centre, out.data(), c.half, nullptr), any ? 1u : 0u) << c.centre;
+    EXPECT_EQ(getwindowedsamples(x, c.n, c.centre, out.data(), c.half, nullptr), any ? 1u : 0u) << c.centre;
     EXPECT_EQ(out, expect) << "centre " << c.centre << " half " << c.half;
   }
   // With a window the copied samples are multiplied by it, index by index.
   const double win[7] = {0.5, 2.0, -1.0, 4.0, 0.25, 3.0, 8.0};
   std::vector<double> out(7);
-  EXPECT_EQ(getwindowedsamples(x, len, 1, out.data(), 3, win), 1u);
+  EXPECT_EQ(getwindowedsamples(x, 10, 1, out.data(), 3, win), 1u);
   EXPECT_EQ(out, (std::vector<double>{0.0, 0.0, -1.0, 8.0, 0.75, 12.0, 40.0}));  // x[0..4] = 1..5
-
-  // Segments wholly outside the signal, including ones whose unsigned bounds
-  // would wrap, come back all zero with result 0 and read nothing.
-  const uint32_t outside[][3] = {{len, 100, 3}, {len, 0xFFFFFFFEu, 3}, {0, 0, 3}};
-  for (const auto &o : outside) {
-    std::vector<double> seg(2 * o[2] + 1, 99.0);
-    EXPECT_EQ(getwindowedsamples(x, o[0], o[1], seg.data(), o[2], nullptr), 0u) << o[1];
-    EXPECT_EQ(seg, std::vector<double>(seg.size(), 0.0)) << o[1];
-  }
-  // Result: 1 at the first valid non-zero entry (NaN included), 0 when all
-  // valid entries are zero (-0.0 is zero), whatever lies outside the segment
-  // 2 .. 8. One sample of a zero signal is set; hann[0] is exactly 0.
+  // Result: 1 at the first valid non-zero entry (NaN included), 0 when all valid entries are
+  // zero (-0.0 is zero), whatever lies outside the segment 2 .. 8. One sample of a zero signal
+  // is set; hann[0] is exactly 0.
   double hann[7];
   winhanning(hann, 7, 0);
   const struct { uint32_t at; double v; bool windowed; uint32_t expect; } results[] = {
@@ -93,8 +83,6 @@ TEST(Windowing, OverlapAddWeights) {
   // The sample is multiplied by the integer numerator and then divided: 7*1/3
   // and 7*2/3 round differently from 7*(1/3) and 7*(2/3). An asymmetric frame
   // away from 0, accumulating; then a frame with no rising side (weight 1 first).
-  ASSERT_NE(7.0 * (1.0 / 3.0), 7.0 / 3.0);
-  ASSERT_NE(7.0 * (2.0 / 3.0), 14.0 / 3.0);
   out.assign(9, 1.0);
   frame.assign(5, 7.0);
   olatriang(out.data(), frame.data(), 2, 5, 7);
@@ -125,17 +113,12 @@ TEST(Windowing, OverlapAddWeights) {
     for (uint32_t i = 0; i < frame.size(); ++i) frame[i] = 2.0 + i;
     out[centre] = 1000.0;
     EXPECT_EQ(olahann(out.data(), frame.data(), start, centre, end), 0u);
-    EXPECT_EQ(out[centre], frame[a]);
     for (uint32_t i = 0; i < out.size(); ++i) {
-      if (i < start || i >= end) {
-        EXPECT_EQ(out[i], 0.25) << i;
-        continue;
-      }
-      if (i == centre) continue;
       const bool left = i < centre;
       const long double wgt = 0.5L * (1 + std::cos((left ? centre - i : i - centre) * kPiL / (left ? a : b)));
-      EXPECT_NEAR(out[i], 0.25 + static_cast<double>(wgt * frame[i - start]), 1e-12)
-          << start << "," << centre << "," << end << " i=" << i;
+      const double want =
+          (i < start || i >= end) ? 0.25 : i == centre ? frame[a] : 0.25 + double(wgt * frame[i - start]);
+      EXPECT_NEAR(out[i], want, 1e-12) << start << "," << centre << "," << end << " i=" << i;
     }
   }
 }
