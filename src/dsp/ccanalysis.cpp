@@ -97,13 +97,17 @@ bool warpinto(const double *r, uint32_t m, double *c, uint32_t p, double alpha, 
 
 // Common tail: nfft-point log spectrum S in the real half of buf -> real
 // cepstrum -> halve r(nfft/2) and r0 -> warp r0..rm -> double c0.
-int cepstrumtail(double *buf, uint32_t nfft, uint32_t m, uint32_t p, double *c, double alpha) {
+int cepstrumtail(double *buf, uint32_t nfft, uint32_t m, uint32_t p, double *c, double alpha,
+                 const FFTPLAN *inverse) {
   double *re = buf;
   double *im = buf + nfft;
   const double scale = 1.0 / static_cast<double>(nfft);
   for (uint32_t i = 0; i < nfft; ++i) re[i] = re[i] * scale;
   for (uint32_t i = 0; i < nfft; ++i) im[i] = 0.0;
-  ifftr(static_cast<int32_t>(nfft), re, im);
+  if (fftplanlength(inverse) == static_cast<int32_t>(nfft))
+    fftplanr(inverse, re, im);
+  else
+    ifftr(static_cast<int32_t>(nfft), re, im);
   re[nfft / 2] = re[nfft / 2] * 0.5;
   re[0] = re[0] * 0.5;
   if (!warpinto(re, m, c, p, alpha, im, nfft)) return -1;
@@ -115,7 +119,7 @@ int cepstrumtail(double *buf, uint32_t nfft, uint32_t m, uint32_t p, double *c, 
 int noisetail(const double *x, uint32_t n, double fs, uint32_t centre, uint32_t nfft, double *buf, uint32_t p,
               double *c, double alpha, CCMEM *area) {
   if (getnoiselogspectrum(x, n, fs, centre, nfft, buf, area->noise) != 0) return -1;
-  return cepstrumtail(buf, nfft, nfft / 2, p, c, alpha);
+  return cepstrumtail(buf, nfft, nfft / 2, p, c, alpha, area->inverse);
 }
 
 // Arguments every per-frame method needs to be meaningful and in bounds.
@@ -221,6 +225,7 @@ CCMEM *ccmeminitialize(double fs, double fmin, uint32_t framesize, uint32_t nfft
   CCMEM *area = static_cast<CCMEM *>(std::malloc(sizeof(CCMEM)));
   if (!area) return nullptr;
   area->harmonic = nullptr;
+  area->inverse = nullptr;
   area->noise = nameminitializefft(framesize, nfft);
   if (!area->noise) {
     std::free(area);
@@ -228,6 +233,8 @@ CCMEM *ccmeminitialize(double fs, double fmin, uint32_t framesize, uint32_t nfft
   }
   // Without a harmonic area (allocation refused) voiced frames take the
   // noise spectrum, as when their analysis fails.
+  // Without a plan the cepstrum is transformed without one: the same bits.
+  if (nfft <= kMaxFft) area->inverse = fftplancreate(static_cast<int32_t>(nfft), -1);
   if (method == 0 || method == 1)
     area->harmonic = hameminitialize(fs, fs, fmin);
   else if (method != 3 && method != 4)
@@ -241,6 +248,7 @@ int ccmemdestroy(CCMEM *area) {
   if (kind == HAMEM_KIND) hamemdestroy(static_cast<HAMEM *>(area->harmonic));
   if (kind == QHAMEM_KIND) qhamemdestroy(static_cast<QHAMEM *>(area->harmonic));
   namemdestroy(area->noise);
+  fftplanfree(area->inverse);
   std::free(area);
   return 0;
 }
@@ -253,7 +261,7 @@ int getharmmcep(const double *x, uint32_t n, double fs, uint32_t centre, double 
       getlogspectrumfromharms(x, n, fs, centre, f0, nfft, buf, static_cast<HAMEM *>(area->harmonic)) == -1) {
     if (getnoiselogspectrum(x, n, fs, centre, nfft, buf, area->noise) != 0) return -1;
   }
-  return cepstrumtail(buf, nfft, nfft / 2, p, c, alpha);
+  return cepstrumtail(buf, nfft, nfft / 2, p, c, alpha, area->inverse);
 }
 
 int getharmrdc(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft, double *buf,
@@ -280,14 +288,14 @@ int getwwcmcep(const double *x, uint32_t n, double fs, uint32_t centre, double f
     const double q = std::floor(fs / (1.5 * f0));
     if (q < static_cast<double>(m)) m = q > 0.0 ? static_cast<uint32_t>(q) : 0;
   }
-  return cepstrumtail(buf, nfft, m, p, c, alpha);
+  return cepstrumtail(buf, nfft, m, p, c, alpha, area->inverse);
 }
 
 int getseemcep(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft, double *buf,
                uint32_t p, double *c, double alpha, CCMEM *area) {
   if (!validcall(x, n, nfft, buf, c, area)) return -1;
   if (getseevoclogspectrum(x, n, fs, centre, f0, nfft, buf, area->noise) != 0) return -1;
-  return cepstrumtail(buf, nfft, nfft / 2, p, c, alpha);
+  return cepstrumtail(buf, nfft, nfft / 2, p, c, alpha, area->inverse);
 }
 
 int waveform2cc(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first, uint32_t nframes,
