@@ -170,12 +170,14 @@ bool prepareframe(const double *x, uint32_t n, double fs, uint32_t centre, doubl
   return true;
 }
 
-// Solves G x = b in place (b becomes x) for a symmetric positive-definite G
-// of which the upper triangle (row-major, n x n) is given; G is destroyed
-// and holds U with G = U'U. Pivot rows are applied four at a time to the rows
+// Cholesky solves of G x = b in place (b becomes x) for a symmetric
+// positive-definite G of which the upper triangle (row-major, n x n) is
+// given; G is destroyed and holds U with G = U'U. Pivot rows are applied four at a time to the rows
 // below them along contiguous memory, two columns per vector operation; every
 // entry still takes its updates in pivot order, so the result equals the
-// plain elimination bit for bit.
+// plain elimination bit for bit. The solve is split into the factorisation
+// with the forward substitution, and the back substitution, whose sums are
+// one serial chain each: two systems of a fit run their chains side by side.
 constexpr uint32_t kPanel = 4;
 #if defined(__GNUC__)
 typedef double v2d __attribute__((vector_size(16)));
@@ -186,7 +188,9 @@ inline v2d loadv2d(const double *p) {
 }
 #endif
 
-bool choleskysolve(double *G, double *b, uint32_t n, double ridge) {
+// Factorisation and forward substitution (b becomes U'^-1 b); false on a
+// pivot that is not positive and finite.
+bool choleskyforward(double *G, double *b, uint32_t n, double ridge) {
   for (uint32_t i = 0; i < n; ++i) G[static_cast<uint64_t>(i) * n + i] += ridge;
   for (uint32_t jb = 0; jb < n; jb += kPanel) {
     const uint32_t je = (n - jb > kPanel) ? jb + kPanel : n;
@@ -196,8 +200,16 @@ bool choleskysolve(double *G, double *b, uint32_t n, double ridge) {
       if (!(s > 0.0) || !std::isfinite(s)) return false;
       const double d = std::sqrt(s);
       Uj[j] = d;
-      for (uint32_t i = j + 1; i < n; ++i) Uj[i] /= d;
-      for (uint32_t i = j + 1; i < je; ++i) {
+      uint32_t i = j + 1;
+#if defined(__GNUC__)
+      const v2d vd = {d, d};
+      for (; i + 2 <= n; i += 2) {
+        const v2d t = loadv2d(Uj + i) / vd;
+        std::memcpy(Uj + i, &t, sizeof t);
+      }
+#endif
+      for (; i < n; ++i) Uj[i] /= d;
+      for (i = j + 1; i < je; ++i) {
         double *Ui = G + static_cast<uint64_t>(i) * n;
         const double u = Uj[i];
         for (uint32_t l = i; l < n; ++l) Ui[l] -= u * Uj[l];
@@ -237,17 +249,58 @@ bool choleskysolve(double *G, double *b, uint32_t n, double ridge) {
     const double *Uk = G + static_cast<uint64_t>(k) * n;
     const double xk = b[k] / Uk[k];
     b[k] = xk;
-    for (uint32_t i = k + 1; i < n; ++i) b[i] -= Uk[i] * xk;
+    uint32_t i = k + 1;
+#if defined(__GNUC__)
+    const v2d vx = {xk, xk};
+    for (; i + 2 <= n; i += 2) {
+      const v2d t = loadv2d(b + i) - loadv2d(Uk + i) * vx;
+      std::memcpy(b + i, &t, sizeof t);
+    }
+#endif
+    for (; i < n; ++i) b[i] -= Uk[i] * xk;
   }
-  for (uint32_t i = n; i-- > 0;) {
-    const double *Ui = G + static_cast<uint64_t>(i) * n;
-    double t = b[i];
-    for (uint32_t k = i + 1; k < n; ++k) t -= Ui[k] * b[k];
-    b[i] = t / Ui[i];
-  }
+  return true;
+}
+
+// Back substitution row i of U x = b: b[i] - sum U[i][k] x[k], k ascending.
+inline void backrow(const double *U, double *b, uint32_t n, uint32_t i) {
+  const double *Ui = U + static_cast<uint64_t>(i) * n;
+  double t = b[i];
+  for (uint32_t k = i + 1; k < n; ++k) t -= Ui[k] * b[k];
+  b[i] = t / Ui[i];
+}
+
+bool allfinite(const double *b, uint32_t n) {
   for (uint32_t i = 0; i < n; ++i)
     if (!std::isfinite(b[i])) return false;
   return true;
+}
+
+// Back substitutions of two factorised systems: their rows with the same
+// number of terms (counted from the last row) run together.
+void backsubstitute2(const double *UA, double *bA, uint32_t nA, const double *UB, double *bB, uint32_t nB) {
+  const uint32_t both = nA < nB ? nA : nB;
+  for (uint32_t r = 0; r < both; ++r) {
+    const uint32_t iA = nA - 1 - r, iB = nB - 1 - r;
+    const double *a = UA + static_cast<uint64_t>(iA) * nA, *c = UB + static_cast<uint64_t>(iB) * nB;
+    double tA = bA[iA], tB = bB[iB];
+    for (uint32_t k = 1; k <= r; ++k) {
+      tA -= a[iA + k] * bA[iA + k];
+      tB -= c[iB + k] * bB[iB + k];
+    }
+    bA[iA] = tA / a[iA];
+    bB[iB] = tB / c[iB];
+  }
+  for (uint32_t i = nA - both; i-- > 0;) backrow(UA, bA, nA, i);
+  for (uint32_t i = nB - both; i-- > 0;) backrow(UB, bB, nB, i);
+}
+
+// The systems (GA, bA) and (GB, bB) of one fit, each solved exactly as on its
+// own; false when either fails.
+bool choleskysolve2(double *GA, double *bA, uint32_t nA, double *GB, double *bB, uint32_t nB, double ridge) {
+  if (!choleskyforward(GA, bA, nA, ridge) || !choleskyforward(GB, bB, nB, ridge)) return false;
+  backsubstitute2(GA, bA, nA, GB, bB, nB);
+  return allfinite(bA, nA) && allfinite(bB, nB);
 }
 
 #if defined(__GNUC__)
@@ -344,8 +397,7 @@ bool fitharmonic(const Frame &fr, const double *w2, double w0, uint32_t H, HAMEM
     for (uint32_t l = 1; l <= k; ++l)
       Gs[static_cast<uint64_t>(l - 1) * ns + (k - 1)] = 0.5 * (W[k - l] - W[k + l]);
   const double ridge = kRidge * W[0];
-  if (!choleskysolve(Gc, rc, nc, ridge)) return false;
-  if (!choleskysolve(Gs, rs + 1, ns, ridge)) return false;
+  if (!choleskysolve2(Gc, rc, nc, Gs, rs + 1, ns, ridge)) return false;
   *rcout = rc;
   *rsout = rs;
   return true;
@@ -572,8 +624,7 @@ bool fitquasiharmonic(const Frame &fr, const double *w2, const double *w, uint32
     }
   }
   const double ridge = kRidge * re[0];
-  if (!choleskysolve(Ge, be, B, ridge)) return false;
-  if (!choleskysolve(Go, bo, B, ridge)) return false;
+  if (!choleskysolve2(Ge, be, B, Go, bo, B, ridge)) return false;
   for (uint32_t k = 0; k < K; ++k) {
     coef[4 * k + 0] = be[1 + 2 * k];  // c
     coef[4 * k + 1] = bo[1 + 2 * k];  // s
