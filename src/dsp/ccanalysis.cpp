@@ -17,6 +17,7 @@
 #include "dft.h"
 #include "harmonicanalysis.h"
 #include "matvect.h"
+#include "simd.h"
 #include "spectralanalysis.h"
 #include "windowing.h"
 
@@ -46,38 +47,127 @@ uint32_t kindof(const void *area) {
 constexpr uint64_t kWarpPasses = 8;
 
 template <uint64_t G>
-void warppasses(double *buf, uint64_t P, const double *cdown, double alpha, double beta) {
+struct WarpGroup {
   double in[G], own[G];  // per pass: its input and its output at j - 1
-  double x = buf[0];
+  const double *cdown;
+  // Element j of the group's passes from x, the element of the pass before
+  // them; returns the element of the group's last pass.
+  double step(uint64_t j, double x, double alpha, double beta) {
+    if (j == 0) {
 #pragma GCC unroll 8
-  for (uint64_t g = 0; g < G; ++g) {
-    const double v = alpha * x + cdown[-static_cast<int64_t>(g)];
-    in[g] = x;
-    own[g] = v;
-    x = v;
-  }
-  buf[0] = x;
-  if (P == 0) return;
-  x = buf[1];
+      for (uint64_t g = 0; g < G; ++g) {
+        const double v = alpha * x + cdown[-static_cast<int64_t>(g)];
+        in[g] = x;
+        own[g] = v;
+        x = v;
+      }
+    } else if (j == 1) {
 #pragma GCC unroll 8
-  for (uint64_t g = 0; g < G; ++g) {
-    const double v = alpha * x + beta * in[g];
-    in[g] = x;
-    own[g] = v;
-    x = v;
-  }
-  buf[1] = x;
-  for (uint64_t j = 2; j <= P; ++j) {
-    x = buf[j];
+      for (uint64_t g = 0; g < G; ++g) {
+        const double v = alpha * x + beta * in[g];
+        in[g] = x;
+        own[g] = v;
+        x = v;
+      }
+    } else {
 #pragma GCC unroll 8
-    for (uint64_t g = 0; g < G; ++g) {
-      const double v = alpha * (x - own[g]) + in[g];
-      in[g] = x;
-      own[g] = v;
-      x = v;
+      for (uint64_t g = 0; g < G; ++g) {
+        const double v = alpha * (x - own[g]) + in[g];
+        in[g] = x;
+        own[g] = v;
+        x = v;
+      }
     }
-    buf[j] = x;
+    return x;
   }
+};
+
+template <uint64_t G>
+void warppasses(double *buf, uint64_t P, const double *cdown, double alpha, double beta) {
+  WarpGroup<G> w;
+  w.cdown = cdown;
+  for (uint64_t j = 0; j <= P; ++j) buf[j] = w.step(j, buf[j], alpha, beta);
+}
+
+// L groups of kWarpPasses passes each in vector lanes, lane l taking the
+// passes after lane l-1's and running one element behind it, so that its
+// input is ready: lane l works on element t - l at step t. Steps where a lane
+// is at element 0 or 1 (other formulas) or outside 0..P run lane by lane.
+// cdown is the first pass's coefficient, lane l's is cdown - l*kWarpPasses.
+template <uint32_t L>
+struct Lanes;
+template <>
+struct Lanes<2> {
+  typedef double vec __attribute__((vector_size(16)));
+};
+template <>
+struct Lanes<4> {
+  typedef double vec __attribute__((vector_size(32)));
+};
+
+template <uint32_t L>
+inline __attribute__((always_inline)) void warplanes(double *buf, uint64_t P, const double *cdown, double alpha,
+                                                     double beta) {
+  typedef typename Lanes<L>::vec vec;
+  constexpr uint64_t G = kWarpPasses;
+  WarpGroup<G> lane[L];
+  double prev[L];  // output of each lane at the previous step
+  for (uint32_t l = 0; l < L; ++l) lane[l].cdown = cdown - static_cast<int64_t>(l * G);
+  // One step lane by lane: lane l at element t - l when that lies in 0..P.
+  auto scalarstep = [&](uint64_t t) {
+    double out[L] = {};
+    for (uint32_t l = 0; l < L; ++l) {
+      if (t < l || t - l > P) continue;
+      const uint64_t e = t - l;
+      out[l] = lane[l].step(e, l == 0 ? buf[e] : prev[l - 1], alpha, beta);
+      if (l == L - 1) buf[e] = out[l];
+    }
+    for (uint32_t l = 0; l < L; ++l) prev[l] = out[l];
+  };
+  uint64_t t = 0;
+  for (; t <= L && t <= P + L - 1; ++t) scalarstep(t);
+  if (t <= P) {
+    vec in[G], own[G];
+    for (uint64_t g = 0; g < G; ++g)
+      for (uint32_t l = 0; l < L; ++l) {
+        in[g][l] = lane[l].in[g];
+        own[g][l] = lane[l].own[g];
+      }
+    vec va;
+    for (uint32_t l = 0; l < L; ++l) va[l] = alpha;
+    vec x;
+    for (uint32_t l = 0; l < L; ++l) x[l] = prev[l];
+    for (; t <= P; ++t) {
+      // Lane l's input is lane l-1's previous output; lane 0 reads buf.
+      vec y;
+      y[0] = buf[t];
+      for (uint32_t l = 1; l < L; ++l) y[l] = x[l - 1];
+      x = y;
+#pragma GCC unroll 8
+      for (uint64_t g = 0; g < G; ++g) {
+        const vec v = va * (x - own[g]) + in[g];
+        in[g] = x;
+        own[g] = v;
+        x = v;
+      }
+      buf[t - (L - 1)] = x[L - 1];
+    }
+    for (uint32_t l = 0; l < L; ++l) prev[l] = x[l];
+    for (uint64_t g = 0; g < G; ++g)
+      for (uint32_t l = 0; l < L; ++l) {
+        lane[l].in[g] = in[g][l];
+        lane[l].own[g] = own[g][l];
+      }
+  }
+  for (; t <= P + L - 1; ++t) scalarstep(t);
+}
+
+void warplanes2(double *buf, uint64_t P, const double *cdown, double alpha, double beta) {
+  warplanes<2>(buf, P, cdown, alpha, beta);
+}
+
+KESTREL_TARGET_AVX2 void warplanes4avx2(double *buf, uint64_t P, const double *cdown, double alpha, double beta) {
+  warplanes<4>(buf, P, cdown, alpha, beta);
 }
 
 // Warps r[0..m] into c[0..p] with a scratch of p+1 doubles: the free
@@ -208,6 +298,11 @@ int ccwarp(const double *c, uint32_t m, double *out, uint32_t p, double alpha, d
   // scratch the interface provides for is no longer needed.
   (void)work;
   uint64_t i = 0;
+  // Groups of passes side by side in vector lanes, each lane one element
+  // behind the one before it: the same operations on every element.
+  if (kestrel::haveavx2())
+    for (; i + 4 * kWarpPasses <= M + 1; i += 4 * kWarpPasses) warplanes4avx2(out, P, c + (M - i), alpha, beta);
+  for (; i + 2 * kWarpPasses <= M + 1; i += 2 * kWarpPasses) warplanes2(out, P, c + (M - i), alpha, beta);
   for (; i + kWarpPasses <= M + 1; i += kWarpPasses) warppasses<kWarpPasses>(out, P, c + (M - i), alpha, beta);
   for (; i <= M; ++i) warppasses<1>(out, P, c + (M - i), alpha, beta);
   return 0;

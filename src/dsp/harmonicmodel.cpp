@@ -34,11 +34,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "simd.h"
 #include "windowing.h"
-
-#if defined(__x86_64__) && defined(__GNUC__)
-#include <immintrin.h>
-#endif
 
 namespace {
 
@@ -192,12 +189,12 @@ inline v2d loadv2d(const double *p) {
 }
 #endif
 
-#if defined(__x86_64__) && defined(__GNUC__)
+#if defined(KESTREL_AVX2)
 // Row update of the panel loop from column l on, four columns per AVX
 // operation (processors with AVX2): the same lane-wise products and
 // differences in the same order as the SSE2 and scalar loops. Returns the
 // first column left over.
-__attribute__((target("avx2"))) uint32_t panelrowavx2(double *__restrict Ui, const double *__restrict P0,
+KESTREL_TARGET_AVX2 uint32_t panelrowavx2(double *__restrict Ui, const double *__restrict P0,
                                                       const double *__restrict P1, const double *__restrict P2,
                                                       const double *__restrict P3, const double u[4], uint32_t l,
                                                       uint32_t n) {
@@ -213,14 +210,13 @@ __attribute__((target("avx2"))) uint32_t panelrowavx2(double *__restrict Ui, con
   }
   return l;
 }
-bool haveavx2() { return __builtin_cpu_supports("avx2"); }
 #endif
 
 // Factorisation and forward substitution (b becomes U'^-1 b); false on a
 // pivot that is not positive and finite.
 bool choleskyforward(double *G, double *b, uint32_t n, double ridge) {
-#if defined(__x86_64__) && defined(__GNUC__)
-  const bool avx2 = haveavx2();
+#if defined(KESTREL_AVX2)
+  const bool avx2 = kestrel::haveavx2();
 #endif
   for (uint32_t i = 0; i < n; ++i) G[static_cast<uint64_t>(i) * n + i] += ridge;
   for (uint32_t jb = 0; jb < n; jb += kPanel) {
@@ -254,7 +250,7 @@ bool choleskyforward(double *G, double *b, uint32_t n, double ridge) {
         const double *__restrict P0 = P[0], *__restrict P1 = P[1], *__restrict P2 = P[2], *__restrict P3 = P[3];
         const double u0 = P0[i], u1 = P1[i], u2 = P2[i], u3 = P3[i];
         uint32_t l = i;
-#if defined(__x86_64__) && defined(__GNUC__)
+#if defined(KESTREL_AVX2)
         if (avx2) {
           const double u[4] = {u0, u1, u2, u3};
           l = panelrowavx2(Ui, P0, P1, P2, P3, u, l, n);

@@ -19,10 +19,7 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
-#if defined(__x86_64__) && defined(__GNUC__)
-#include <immintrin.h>
-#define KESTREL_DFT_AVX2 1
-#endif
+#include "simd.h"
 
 struct FFTPLAN {
   int32_t n;
@@ -170,12 +167,12 @@ void stageinterleaved(int64_t n, int64_t h, int64_t k0, int64_t count, const dou
   }
 }
 
-#if defined(KESTREL_DFT_AVX2)
+#if defined(KESTREL_AVX2)
 // The same stages four butterflies at a time in AVX lanes (used when the
 // processor has AVX2; lane-wise IEEE products, sums and differences, no fused
 // multiply-add, so every element gets the bits of the SSE2 and scalar loops).
 // count is a multiple of 4.
-__attribute__((target("avx2"))) void stagesplitavx2(int64_t n, int64_t h, int64_t k0, int64_t count,
+KESTREL_TARGET_AVX2 void stagesplitavx2(int64_t n, int64_t h, int64_t k0, int64_t count,
                                                     const double *wr, const double *wi, double *re, double *im) {
   for (int64_t s = 0; s < n; s += 2 * h) {
     double *pr = re + s + k0, *pi = im + s + k0;
@@ -196,7 +193,7 @@ __attribute__((target("avx2"))) void stagesplitavx2(int64_t n, int64_t h, int64_
 
 // Interleaved: the in-lane unpacks put butterflies k, k+2, k+1, k+3 in the
 // lanes, so the twiddles are permuted the same way.
-__attribute__((target("avx2"))) void stageinterleavedavx2(int64_t n, int64_t h, int64_t k0, int64_t count,
+KESTREL_TARGET_AVX2 void stageinterleavedavx2(int64_t n, int64_t h, int64_t k0, int64_t count,
                                                           const double *wr, const double *wi, double *x) {
   for (int64_t s = 0; s < n; s += 2 * h) {
     double *p = x + 2 * (s + k0);
@@ -220,21 +217,18 @@ __attribute__((target("avx2"))) void stageinterleavedavx2(int64_t n, int64_t h, 
   }
 }
 
-bool haveavx2() { return __builtin_cpu_supports("avx2"); }
-#else
-bool haveavx2() { return false; }
 #endif
 
 // Element k of an interleaved complex array: re at 2k, im at 2k+1.
 struct Interleaved {
   double *x;
-  bool avx2 = haveavx2();
+  bool avx2 = kestrel::haveavx2();
   void swap(int64_t i, int64_t j) const {
     std::swap(x[2 * i], x[2 * j]);
     std::swap(x[2 * i + 1], x[2 * j + 1]);
   }
   void stage(int64_t n, int64_t h, int64_t k0, int64_t count, const double *wr, const double *wi) const {
-#if defined(KESTREL_DFT_AVX2)
+#if defined(KESTREL_AVX2)
     if (avx2 && count % 4 == 0) return stageinterleavedavx2(n, h, k0, count, wr, wi, x);
 #endif
     stageinterleaved(n, h, k0, count, wr, wi, x);
@@ -245,13 +239,13 @@ struct Interleaved {
 struct Split {
   double *r;
   double *i;
-  bool avx2 = haveavx2();
+  bool avx2 = kestrel::haveavx2();
   void swap(int64_t a, int64_t b) const {
     std::swap(r[a], r[b]);
     std::swap(i[a], i[b]);
   }
   void stage(int64_t n, int64_t h, int64_t k0, int64_t count, const double *wr, const double *wi) const {
-#if defined(KESTREL_DFT_AVX2)
+#if defined(KESTREL_AVX2)
     if (avx2 && count % 4 == 0) return stagesplitavx2(n, h, k0, count, wr, wi, r, i);
 #endif
     stagesplit(n, h, k0, count, wr, wi, r, i);
