@@ -382,6 +382,101 @@ void harmonicsums4(const Frame &fr, const double *w2, double w0, uint32_t n0, ui
 }
 #endif
 
+#if defined(KESTREL_AVX2)
+// 4 x 4 transpose: row q of the result holds element q of each input.
+KESTREL_TARGET_AVX2 inline void transpose4(const __m256d in[4], __m256d out[4]) {
+  const __m256d t0 = _mm256_unpacklo_pd(in[0], in[1]), t1 = _mm256_unpackhi_pd(in[0], in[1]);
+  const __m256d t2 = _mm256_unpacklo_pd(in[2], in[3]), t3 = _mm256_unpackhi_pd(in[2], in[3]);
+  out[0] = _mm256_permute2f128_pd(t0, t2, 0x20);
+  out[1] = _mm256_permute2f128_pd(t1, t3, 0x20);
+  out[2] = _mm256_permute2f128_pd(t0, t2, 0x31);
+  out[3] = _mm256_permute2f128_pd(t1, t3, 0x31);
+}
+
+// One rotation step of the four samples' (cos, sin) of m w0 n.
+KESTREL_TARGET_AVX2 inline void rotate4(__m256d &c, __m256d &s, __m256d c1, __m256d s1) {
+  const __m256d nc = _mm256_sub_pd(_mm256_mul_pd(c, c1), _mm256_mul_pd(s, s1));
+  s = _mm256_add_pd(_mm256_mul_pd(s, c1), _mm256_mul_pd(c, s1));
+  c = nc;
+}
+
+// r[0] plus the four samples' terms f[j] * v[j] in ascending sample order.
+KESTREL_TARGET_AVX2 inline void sumsingle(double *r, const double f[4], __m256d v) {
+  double lv[4];
+  _mm256_storeu_pd(lv, v);
+  *r = (((*r + f[0] * lv[0]) + f[1] * lv[1]) + f[2] * lv[2]) + f[3] * lv[3];
+}
+
+// r[0..3] plus the four samples' terms f[j] * t[j] (t transposed: lanes by
+// harmonic), in ascending sample order.
+KESTREL_TARGET_AVX2 inline void sumblock(double *r, const __m256d f[4], const __m256d t[4]) {
+  __m256d acc = _mm256_loadu_pd(r);
+  for (uint32_t j = 0; j < 4; ++j) acc = _mm256_add_pd(acc, _mm256_mul_pd(f[j], t[j]));
+  _mm256_storeu_pd(r, acc);
+}
+
+// harmonicsums4 with AVX2: the four samples' rotations in one vector; four
+// harmonics' worth of them are transposed so that the sums of four
+// consecutive harmonics take their terms side by side, each still in
+// ascending n, with the products and sums of the scalar loop.
+KESTREL_TARGET_AVX2 void harmonicsums4avx2(const Frame &fr, const double *w2, double w0, uint32_t n0, uint32_t H,
+                                           double *W, double *rc, double *rs) {
+  double gw[4], xe[4], xo[4], c1[4], s1[4];
+  for (uint32_t j = 0; j < 4; ++j) {
+    const uint32_t n = n0 + j;
+    const double xp = fr.sample(n), xm = fr.sample(-static_cast<int64_t>(n));
+    const double g = w2[n];
+    gw[j] = (n == 0) ? g : 2.0 * g;
+    xe[j] = g * ((n == 0) ? xp : xp + xm);
+    xo[j] = g * (xp - xm);
+    const double th = w0 * static_cast<double>(n);
+    c1[j] = std::cos(th);
+    s1[j] = std::sin(th);
+  }
+  const __m256d vc1 = _mm256_loadu_pd(c1), vs1 = _mm256_loadu_pd(s1);
+  __m256d c = _mm256_set1_pd(1.0), s = _mm256_set1_pd(0.0);
+  __m256d g[4], e[4], o[4];
+  for (uint32_t j = 0; j < 4; ++j) {
+    g[j] = _mm256_set1_pd(gw[j]);
+    e[j] = _mm256_set1_pd(xe[j]);
+    o[j] = _mm256_set1_pd(xo[j]);
+  }
+  uint32_t m = 0;
+  for (; m + 4 <= H + 1; m += 4) {
+    __m256d C[4], S[4], TC[4], TS[4];
+    for (uint32_t q = 0; q < 4; ++q) {
+      C[q] = c;
+      S[q] = s;
+      rotate4(c, s, vc1, vs1);
+    }
+    transpose4(C, TC);
+    transpose4(S, TS);
+    sumblock(W + m, g, TC);
+    sumblock(rc + m, e, TC);
+    sumblock(rs + m, o, TS);
+  }
+  for (; m <= H; ++m) {
+    sumsingle(W + m, gw, c);
+    sumsingle(rc + m, xe, c);
+    sumsingle(rs + m, xo, s);
+    rotate4(c, s, vc1, vs1);
+  }
+  for (; m + 4 <= 2 * H + 1; m += 4) {
+    __m256d C[4], TC[4];
+    for (uint32_t q = 0; q < 4; ++q) {
+      C[q] = c;
+      rotate4(c, s, vc1, vs1);
+    }
+    transpose4(C, TC);
+    sumblock(W + m, g, TC);
+  }
+  for (; m <= 2 * H; ++m) {
+    sumsingle(W + m, gw, c);
+    rotate4(c, s, vc1, vs1);
+  }
+}
+#endif
+
 // Harmonic least squares at k*w0, k = 0..H. On success rc[0..H] holds
 // (a0, A_1..A_H) and rs[1..H] holds B_1..B_H.
 bool fitharmonic(const Frame &fr, const double *w2, double w0, uint32_t H, HAMEM *a, double **rcout,
@@ -394,6 +489,10 @@ bool fitharmonic(const Frame &fr, const double *w2, double w0, uint32_t H, HAMEM
   for (uint32_t k = 0; k <= H; ++k) rc[k] = rs[k] = 0.0;
   uint32_t n = 0;
 #if defined(__GNUC__)
+#if defined(KESTREL_AVX2)
+  if (kestrel::haveavx2())
+    for (; n + 4 <= h + 1; n += 4) harmonicsums4avx2(fr, w2, w0, n, H, W, rc, rs);
+#endif
   for (; n + 4 <= h + 1; n += 4) harmonicsums4(fr, w2, w0, n, H, W, rc, rs);
 #endif
   for (; n <= h; ++n) {
