@@ -90,59 +90,70 @@ void warppasses(double *buf, uint64_t P, const double *cdown, double alpha, doub
 }
 
 // L groups of kWarpPasses passes each in vector lanes, lane l taking the
-// passes after lane l-1's and running one element behind it, so that its
-// input is ready: lane l works on element t - l at step t. Steps where a lane
-// is at element 0 or 1 (other formulas) or outside 0..P run lane by lane.
-// cdown is the first pass's coefficient, lane l's is cdown - l*kWarpPasses.
+// passes after lane l-1's and running kLag elements behind it, so that its
+// input was made kLag steps before and consecutive steps overlap: lane l
+// works on element t - l*kLag at step t. Elements 0 and 1 take the general
+// formula alpha * (x - own) + in with own = 0 (x - 0 is x exactly) and in
+// replaced by cdown[-g] or beta * in, which gives their own formulas' bits;
+// a lane outside 0..P computes values nobody reads. cdown is the first pass's
+// coefficient, lane l's is cdown - l*kWarpPasses.
+constexpr uint64_t kLag = 4;
+
 template <uint32_t L>
 struct Lanes;
 template <>
 struct Lanes<2> {
   typedef double vec __attribute__((vector_size(16)));
+  typedef int64_t index __attribute__((vector_size(16)));
+  static constexpr index kShift = {2, 0};  // (new, lane 0)
 };
 template <>
 struct Lanes<4> {
   typedef double vec __attribute__((vector_size(32)));
+  typedef int64_t index __attribute__((vector_size(32)));
+  static constexpr index kShift = {4, 0, 1, 2};  // (new, lanes 0 1 2)
 };
 
 template <uint32_t L>
 inline __attribute__((always_inline)) void warplanes(double *buf, uint64_t P, const double *cdown, double alpha,
                                                      double beta) {
   typedef typename Lanes<L>::vec vec;
+  typedef typename Lanes<L>::index index;
   constexpr uint64_t G = kWarpPasses;
-  WarpGroup<G> lane[L];
-  double prev[L];  // output of each lane at the previous step
-  for (uint32_t l = 0; l < L; ++l) lane[l].cdown = cdown - static_cast<int64_t>(l * G);
-  // One step lane by lane: lane l at element t - l when that lies in 0..P.
-  auto scalarstep = [&](uint64_t t) {
-    double out[L] = {};
-    for (uint32_t l = 0; l < L; ++l) {
-      if (t < l || t - l > P) continue;
-      const uint64_t e = t - l;
-      out[l] = lane[l].step(e, l == 0 ? buf[e] : prev[l - 1], alpha, beta);
-      if (l == L - 1) buf[e] = out[l];
-    }
-    for (uint32_t l = 0; l < L; ++l) prev[l] = out[l];
-  };
-  uint64_t t = 0;
-  for (; t <= L && t <= P + L - 1; ++t) scalarstep(t);
-  if (t <= P) {
-    vec in[G], own[G];
-    for (uint64_t g = 0; g < G; ++g)
-      for (uint32_t l = 0; l < L; ++l) {
-        in[g][l] = lane[l].in[g];
-        own[g][l] = lane[l].own[g];
+  vec in[G] = {}, own[G] = {}, cd[G];
+  for (uint64_t g = 0; g < G; ++g)
+    for (uint32_t l = 0; l < L; ++l) cd[g][l] = cdown[-static_cast<int64_t>(l * G + g)];
+  vec hist[kLag] = {};  // output of the step t in hist[t % kLag]
+  vec va, vb;
+  index lag;  // lane l: l * kLag
+  for (uint32_t l = 0; l < L; ++l) {
+    va[l] = alpha;
+    vb[l] = beta;
+    lag[l] = static_cast<int64_t>(l * kLag);
+  }
+  const vec zero = {};
+  const uint64_t last = P + (L - 1) * kLag;  // the last lane's last step
+  const uint64_t early = (L - 1) * kLag + 1;  // to this step some lane may be at element 0 or 1
+  for (uint64_t t = 0; t <= last; ++t) {
+    const double b = t <= P ? buf[t] : 0.0;
+    vec fresh;
+    for (uint32_t l = 0; l < L; ++l) fresh[l] = b;
+    // Lane l's input is lane l-1's output kLag steps ago; lane 0 reads buf.
+    vec x = __builtin_shuffle(hist[t % kLag], fresh, Lanes<L>::kShift);
+    if (t <= early) {
+      index e = -lag;
+      e += static_cast<int64_t>(t);  // each lane's element
+      const index at0 = e == 0, at1 = e == 1, at01 = at0 | at1;
+#pragma GCC unroll 8
+      for (uint64_t g = 0; g < G; ++g) {
+        const vec o = at01 ? zero : own[g];
+        const vec a = at0 ? cd[g] : (at1 ? vb * in[g] : in[g]);
+        const vec v = va * (x - o) + a;
+        in[g] = x;
+        own[g] = v;
+        x = v;
       }
-    vec va;
-    for (uint32_t l = 0; l < L; ++l) va[l] = alpha;
-    vec x;
-    for (uint32_t l = 0; l < L; ++l) x[l] = prev[l];
-    for (; t <= P; ++t) {
-      // Lane l's input is lane l-1's previous output; lane 0 reads buf.
-      vec y;
-      y[0] = buf[t];
-      for (uint32_t l = 1; l < L; ++l) y[l] = x[l - 1];
-      x = y;
+    } else {
 #pragma GCC unroll 8
       for (uint64_t g = 0; g < G; ++g) {
         const vec v = va * (x - own[g]) + in[g];
@@ -150,16 +161,10 @@ inline __attribute__((always_inline)) void warplanes(double *buf, uint64_t P, co
         own[g] = v;
         x = v;
       }
-      buf[t - (L - 1)] = x[L - 1];
     }
-    for (uint32_t l = 0; l < L; ++l) prev[l] = x[l];
-    for (uint64_t g = 0; g < G; ++g)
-      for (uint32_t l = 0; l < L; ++l) {
-        lane[l].in[g] = in[g][l];
-        lane[l].own[g] = own[g][l];
-      }
+    hist[t % kLag] = x;
+    if (t >= (L - 1) * kLag) buf[t - (L - 1) * kLag] = x[L - 1];
   }
-  for (; t <= P + L - 1; ++t) scalarstep(t);
 }
 
 void warplanes2(double *buf, uint64_t P, const double *cdown, double alpha, double beta) {
