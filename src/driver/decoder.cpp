@@ -77,8 +77,11 @@ void modify(const DecoderSettings &s, uint32_t nframes, double *logf0, double *c
 }
 
 // Samples pulled at a time; frames are pushed about as many samples at a
-// time, so that what the stream holds stays near this (plus two shifts).
-constexpr uint32_t kStreamSamples = 65536;
+// time per synthesis thread (up to kPushThreads), so that what the stream
+// holds stays near that (plus two shifts): small enough that the buffers stay
+// in cache and few pages are touched, large enough per thread.
+constexpr uint32_t kStreamSamples = 8192;
+constexpr uint32_t kPushThreads = 8;
 
 }  // namespace
 
@@ -98,7 +101,8 @@ int decodeutterancestreamed(const DecoderSettings &s, uint32_t nframes, double *
     return true;
   };
   const uint64_t p1 = static_cast<uint64_t>(order) + 1;
-  const uint32_t step = s.shift < kStreamSamples ? kStreamSamples / s.shift : 1;
+  const uint32_t perthread = s.shift < kStreamSamples ? kStreamSamples / s.shift : 1;
+  const uint32_t step = perthread * (s.threads < 1 ? 1 : (s.threads > kPushThreads ? kPushThreads : s.threads));
   for (uint32_t i = 0; i < nframes; i += step) {
     const uint32_t n = nframes - i < step ? nframes - i : step;
     if (ccstreampush(st.get(), n, logf0 + i, fv ? fv + i : nullptr, cc + i * p1) != 0) return -1;

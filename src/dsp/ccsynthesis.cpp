@@ -13,6 +13,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
 #include <new>
 #include <thread>
 #include <vector>
@@ -314,7 +315,10 @@ struct CCSTREAM {
   Utterance u{};
   uint32_t threads = 1;
   uint64_t block = 1;  // frames per round at most
-  std::vector<double> envm, segments;
+  std::vector<double> envm;
+  // Segments of a round, each written whole before it is read: left
+  // uninitialised, so that only what rounds use is ever touched.
+  std::unique_ptr<double[]> segments;
   std::vector<FrameWork> work;
   std::vector<FrameState> states;
   FFTPLAN *inverse = nullptr;
@@ -361,7 +365,7 @@ struct CCSTREAM {
     if (block < threads) block = threads;
     try {
       envm.assign(static_cast<size_t>(p1 * u.nenv), 0.0);
-      segments.assign(static_cast<size_t>(block * twoshift), 0.0);
+      segments.reset(new double[static_cast<size_t>(block * twoshift)]);
       states.resize(static_cast<size_t>(block));
       work.resize(threads);
       for (FrameWork &w : work) {
@@ -400,9 +404,9 @@ struct CCSTREAM {
       st.phi = phi;
       f0prev = st.f;
     }
-    runframes(u, nb, cc, states.data(), segments.data(), work.data(), threads > nb ? nb : threads);
+    runframes(u, nb, cc, states.data(), segments.get(), work.data(), threads > nb ? nb : threads);
     const uint64_t twoshift = 2 * static_cast<uint64_t>(u.shift);
-    for (uint32_t j = 0; j < nb; ++j) emit(nframes + j, segments.data() + j * twoshift);
+    for (uint32_t j = 0; j < nb; ++j) emit(nframes + j, segments.get() + j * twoshift);
     nframes += nb;
   }
 
