@@ -383,16 +383,6 @@ void harmonicsums4(const Frame &fr, const double *w2, double w0, uint32_t n0, ui
 #endif
 
 #if defined(KESTREL_AVX2)
-// 4 x 4 transpose: row q of the result holds element q of each input.
-KESTREL_TARGET_AVX2 inline void transpose4(const __m256d in[4], __m256d out[4]) {
-  const __m256d t0 = _mm256_unpacklo_pd(in[0], in[1]), t1 = _mm256_unpackhi_pd(in[0], in[1]);
-  const __m256d t2 = _mm256_unpacklo_pd(in[2], in[3]), t3 = _mm256_unpackhi_pd(in[2], in[3]);
-  out[0] = _mm256_permute2f128_pd(t0, t2, 0x20);
-  out[1] = _mm256_permute2f128_pd(t1, t3, 0x20);
-  out[2] = _mm256_permute2f128_pd(t0, t2, 0x31);
-  out[3] = _mm256_permute2f128_pd(t1, t3, 0x31);
-}
-
 // One rotation step of the four samples' (cos, sin) of m w0 n.
 KESTREL_TARGET_AVX2 inline void rotate4(__m256d &c, __m256d &s, __m256d c1, __m256d s1) {
   const __m256d nc = _mm256_sub_pd(_mm256_mul_pd(c, c1), _mm256_mul_pd(s, s1));
@@ -449,8 +439,8 @@ KESTREL_TARGET_AVX2 void harmonicsums4avx2(const Frame &fr, const double *w2, do
       S[q] = s;
       rotate4(c, s, vc1, vs1);
     }
-    transpose4(C, TC);
-    transpose4(S, TS);
+    kestrel::transpose4(C, TC);
+    kestrel::transpose4(S, TS);
     sumblock(W + m, g, TC);
     sumblock(rc + m, e, TC);
     sumblock(rs + m, o, TS);
@@ -467,7 +457,7 @@ KESTREL_TARGET_AVX2 void harmonicsums4avx2(const Frame &fr, const double *w2, do
       C[q] = c;
       rotate4(c, s, vc1, vs1);
     }
-    transpose4(C, TC);
+    kestrel::transpose4(C, TC);
     sumblock(W + m, g, TC);
   }
   for (; m <= 2 * H; ++m) {
