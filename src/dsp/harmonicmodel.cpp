@@ -401,6 +401,7 @@ KESTREL_TARGET_AVX2 inline void sumsingle(double *r, const double f[4], __m256d 
 // harmonic), in ascending sample order.
 KESTREL_TARGET_AVX2 inline void sumblock(double *r, const __m256d f[4], const __m256d t[4]) {
   __m256d acc = _mm256_loadu_pd(r);
+#pragma GCC unroll 4
   for (uint32_t j = 0; j < 4; ++j) acc = _mm256_add_pd(acc, _mm256_mul_pd(f[j], t[j]));
   _mm256_storeu_pd(r, acc);
 }
@@ -426,6 +427,7 @@ KESTREL_TARGET_AVX2 void harmonicsums4avx2(const Frame &fr, const double *w2, do
   const __m256d vc1 = _mm256_loadu_pd(c1), vs1 = _mm256_loadu_pd(s1);
   __m256d c = _mm256_set1_pd(1.0), s = _mm256_set1_pd(0.0);
   __m256d g[4], e[4], o[4];
+#pragma GCC unroll 4
   for (uint32_t j = 0; j < 4; ++j) {
     g[j] = _mm256_set1_pd(gw[j]);
     e[j] = _mm256_set1_pd(xe[j]);
@@ -434,6 +436,7 @@ KESTREL_TARGET_AVX2 void harmonicsums4avx2(const Frame &fr, const double *w2, do
   uint32_t m = 0;
   for (; m + 4 <= H + 1; m += 4) {
     __m256d C[4], S[4], TC[4], TS[4];
+#pragma GCC unroll 4
     for (uint32_t q = 0; q < 4; ++q) {
       C[q] = c;
       S[q] = s;
@@ -453,6 +456,7 @@ KESTREL_TARGET_AVX2 void harmonicsums4avx2(const Frame &fr, const double *w2, do
   }
   for (; m + 4 <= 2 * H + 1; m += 4) {
     __m256d C[4], TC[4];
+#pragma GCC unroll 4
     for (uint32_t q = 0; q < 4; ++q) {
       C[q] = c;
       rotate4(c, s, vc1, vs1);
