@@ -181,13 +181,20 @@ int estimatefv(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t 
     const uint32_t hw = (hwd > nfft) ? nfft : static_cast<uint32_t>(hwd);
 
     // Zero-phase frame: sample c at index 0, c+i at i, c-i at nfft-i.
-    std::fill(spectrum.begin(), spectrum.begin() + 2 * static_cast<size_t>(nfft), 0.0);
-    if (c < n) spectrum[0] = 2 * x[c];
+    // Every element is written once: the window's two ends (nfft >= 4N
+    // keeps them apart) and zeros elsewhere.
+    double *sp = spectrum.data();
+    sp[0] = (c < n) ? 2 * x[c] : 0.0;
+    sp[1] = 0.0;
     for (uint32_t i = 1; i <= half; ++i) {
       const double w = 1 + std::cos(kPi * i / half);
-      if (static_cast<uint64_t>(c) + i < n) spectrum[2 * static_cast<size_t>(i)] = x[c + i] * w;
-      if (i <= c && c - i < n) spectrum[2 * static_cast<size_t>(nfft - i)] = x[c - i] * w;
+      double *lo = sp + 2 * static_cast<size_t>(i), *hi = sp + 2 * static_cast<size_t>(nfft - i);
+      lo[0] = (static_cast<uint64_t>(c) + i < n) ? x[c + i] * w : 0.0;
+      lo[1] = 0.0;
+      hi[0] = (i <= c && c - i < n) ? x[c - i] * w : 0.0;
+      hi[1] = 0.0;
     }
+    std::fill(sp + 2 * (static_cast<size_t>(half) + 1), sp + 2 * static_cast<size_t>(nfft - half), 0.0);
     plans.forward(nfft, spectrum.data());
     for (uint32_t j = 0; j <= nfft / 2; ++j) {
       const double re = spectrum[2 * static_cast<size_t>(j)], im = spectrum[2 * static_cast<size_t>(j) + 1];
