@@ -239,7 +239,15 @@ bool choleskyforward(double *G, double *b, uint32_t n, double ridge) {
       for (i = j + 1; i < je; ++i) {
         double *Ui = G + static_cast<uint64_t>(i) * n;
         const double u = Uj[i];
-        for (uint32_t l = i; l < n; ++l) Ui[l] -= u * Uj[l];
+        uint32_t l = i;
+#if defined(__GNUC__)
+        const v2d vu = {u, u};
+        for (; l + 2 <= n; l += 2) {
+          const v2d t = loadv2d(Ui + l) - vu * loadv2d(Uj + l);
+          std::memcpy(Ui + l, &t, sizeof t);
+        }
+#endif
+        for (; l < n; ++l) Ui[l] -= u * Uj[l];
       }
     }
     const double *P[kPanel];
