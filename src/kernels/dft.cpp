@@ -39,7 +39,8 @@ bool ispow2(int32_t n) { return n > 0 && (n & (n - 1)) == 0; }
 
 // Rotation of the stage of span m: advance() gives w(k+1) from w(k).
 struct Rotor {
-  double ct, st, wre = 1.0, wim = 0.0;
+  double ct = 1.0, st = 0.0, wre = 1.0, wim = 0.0;
+  Rotor() = default;
   Rotor(int64_t m, int8_t direction) {
     const double sign = (direction == -1) ? 1.0 : -1.0;
     const double theta = (sign * kTwoPi) / static_cast<double>(m);
@@ -283,8 +284,47 @@ void forbitpairs(int64_t n, F f) {
   }
 }
 
+// Every stage's twiddles of an n-point transform (n a power of two >= 2),
+// stage with half-span h at entries h-1 .. 2h-2 of wre/wim. The stages'
+// recurrences are independent, so they advance side by side (the shorter
+// ones drop out), each with its own operations: the longest chain, n/2
+// steps, bounds the time instead of all n-1.
+void filltwiddles(int64_t n, int8_t direction, double *wre, double *wim) {
+  Rotor rot[32];
+  int stages = 0;
+  for (int64_t h = 1; 2 * h <= n; h *= 2) rot[stages++] = Rotor(2 * h, direction);
+  int64_t k = 0;
+  for (int lo = 0; lo < stages; ++lo) {
+    const int64_t end = int64_t{1} << lo;  // stage lo is the shortest one left: h = end
+    for (; k < end; ++k) {
+      for (int b = lo; b < stages; ++b) {
+        Rotor &r = rot[b];
+        const int64_t at = (int64_t{1} << b) - 1 + k;
+        wre[at] = r.wre;
+        wim[at] = r.wim;
+        r.advance();
+      }
+    }
+  }
+}
+
+// Twiddle tables up to this length are made per call (on the heap) rather
+// than a block at a time.
+constexpr int32_t kMaxTableN = 1 << 16;
+
 template <class Layout>
 void transform(int32_t n, const Layout &x, int8_t direction) {
+  if (n >= 8 && n <= kMaxTableN) {
+    double *table = static_cast<double *>(std::malloc(2 * static_cast<size_t>(n - 1) * sizeof(double)));
+    if (table) {
+      double *wre = table, *wim = table + (n - 1);
+      filltwiddles(n, direction, wre, wim);
+      forbitpairs(n, [&](int64_t i, int64_t j) { x.swap(i, j); });
+      for (int64_t h = 1; 2 * h <= n; h *= 2) x.stage(n, h, 0, h, wre + h - 1, wim + h - 1);
+      std::free(table);
+      return;
+    }
+  }
   forbitpairs(n, [&](int64_t i, int64_t j) { x.swap(i, j); });
   double wr[kBlock], wi[kBlock];
   for (int64_t h = 1; 2 * h <= n; h *= 2) {
@@ -346,7 +386,7 @@ FFTPLAN *fftplancreate(int32_t n, int8_t direction) {
     plan->pairs[t++] = static_cast<uint32_t>(i);
     plan->pairs[t++] = static_cast<uint32_t>(j);
   });
-  for (int64_t h = 1; 2 * h <= n; h *= 2) Rotor(2 * h, direction).fill(plan->wre + h - 1, plan->wim + h - 1, h);
+  if (n > 1) filltwiddles(n, direction, plan->wre, plan->wim);
   return plan;
 }
 
