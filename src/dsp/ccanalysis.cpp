@@ -17,6 +17,7 @@
 #include "dft.h"
 #include "harmonicanalysis.h"
 #include "matvect.h"
+#include "simd.h"
 #include "spectralanalysis.h"
 #include "windowing.h"
 
@@ -46,38 +47,132 @@ uint32_t kindof(const void *area) {
 constexpr uint64_t kWarpPasses = 8;
 
 template <uint64_t G>
-void warppasses(double *buf, uint64_t P, const double *cdown, double alpha, double beta) {
+struct WarpGroup {
   double in[G], own[G];  // per pass: its input and its output at j - 1
-  double x = buf[0];
+  const double *cdown;
+  // Element j of the group's passes from x, the element of the pass before
+  // them; returns the element of the group's last pass.
+  double step(uint64_t j, double x, double alpha, double beta) {
+    if (j == 0) {
 #pragma GCC unroll 8
-  for (uint64_t g = 0; g < G; ++g) {
-    const double v = alpha * x + cdown[-static_cast<int64_t>(g)];
-    in[g] = x;
-    own[g] = v;
-    x = v;
-  }
-  buf[0] = x;
-  if (P == 0) return;
-  x = buf[1];
+      for (uint64_t g = 0; g < G; ++g) {
+        const double v = alpha * x + cdown[-static_cast<int64_t>(g)];
+        in[g] = x;
+        own[g] = v;
+        x = v;
+      }
+    } else if (j == 1) {
 #pragma GCC unroll 8
-  for (uint64_t g = 0; g < G; ++g) {
-    const double v = alpha * x + beta * in[g];
-    in[g] = x;
-    own[g] = v;
-    x = v;
-  }
-  buf[1] = x;
-  for (uint64_t j = 2; j <= P; ++j) {
-    x = buf[j];
+      for (uint64_t g = 0; g < G; ++g) {
+        const double v = alpha * x + beta * in[g];
+        in[g] = x;
+        own[g] = v;
+        x = v;
+      }
+    } else {
 #pragma GCC unroll 8
-    for (uint64_t g = 0; g < G; ++g) {
-      const double v = alpha * (x - own[g]) + in[g];
-      in[g] = x;
-      own[g] = v;
-      x = v;
+      for (uint64_t g = 0; g < G; ++g) {
+        const double v = alpha * (x - own[g]) + in[g];
+        in[g] = x;
+        own[g] = v;
+        x = v;
+      }
     }
-    buf[j] = x;
+    return x;
   }
+};
+
+template <uint64_t G>
+void warppasses(double *buf, uint64_t P, const double *cdown, double alpha, double beta) {
+  WarpGroup<G> w;
+  w.cdown = cdown;
+  for (uint64_t j = 0; j <= P; ++j) buf[j] = w.step(j, buf[j], alpha, beta);
+}
+
+// L groups of kWarpPasses passes each in vector lanes, lane l taking the
+// passes after lane l-1's and running kLag elements behind it, so that its
+// input was made kLag steps before and consecutive steps overlap: lane l
+// works on element t - l*kLag at step t. Elements 0 and 1 take the general
+// formula alpha * (x - own) + in with own = 0 (x - 0 is x exactly) and in
+// replaced by cdown[-g] or beta * in, which gives their own formulas' bits;
+// a lane outside 0..P computes values nobody reads. cdown is the first pass's
+// coefficient, lane l's is cdown - l*kWarpPasses.
+constexpr uint64_t kLag = 4;
+
+template <uint32_t L>
+struct Lanes;
+template <>
+struct Lanes<2> {
+  typedef double vec __attribute__((vector_size(16)));
+  typedef int64_t index __attribute__((vector_size(16)));
+  static constexpr index kShift = {2, 0};  // (new, lane 0)
+};
+template <>
+struct Lanes<4> {
+  typedef double vec __attribute__((vector_size(32)));
+  typedef int64_t index __attribute__((vector_size(32)));
+  static constexpr index kShift = {4, 0, 1, 2};  // (new, lanes 0 1 2)
+};
+
+template <uint32_t L>
+inline __attribute__((always_inline)) void warplanes(double *buf, uint64_t P, const double *cdown, double alpha,
+                                                     double beta) {
+  typedef typename Lanes<L>::vec vec;
+  typedef typename Lanes<L>::index index;
+  constexpr uint64_t G = kWarpPasses;
+  vec in[G] = {}, own[G] = {}, cd[G];
+  for (uint64_t g = 0; g < G; ++g)
+    for (uint32_t l = 0; l < L; ++l) cd[g][l] = cdown[-static_cast<int64_t>(l * G + g)];
+  vec hist[kLag] = {};  // output of the step t in hist[t % kLag]
+  vec va, vb;
+  index lag;  // lane l: l * kLag
+  for (uint32_t l = 0; l < L; ++l) {
+    va[l] = alpha;
+    vb[l] = beta;
+    lag[l] = static_cast<int64_t>(l * kLag);
+  }
+  const vec zero = {};
+  const uint64_t last = P + (L - 1) * kLag;  // the last lane's last step
+  const uint64_t early = (L - 1) * kLag + 1;  // to this step some lane may be at element 0 or 1
+  for (uint64_t t = 0; t <= last; ++t) {
+    const double b = t <= P ? buf[t] : 0.0;
+    vec fresh;
+    for (uint32_t l = 0; l < L; ++l) fresh[l] = b;
+    // Lane l's input is lane l-1's output kLag steps ago; lane 0 reads buf.
+    vec x = __builtin_shuffle(hist[t % kLag], fresh, Lanes<L>::kShift);
+    if (t <= early) {
+      index e = -lag;
+      e += static_cast<int64_t>(t);  // each lane's element
+      const index at0 = e == 0, at1 = e == 1, at01 = at0 | at1;
+#pragma GCC unroll 8
+      for (uint64_t g = 0; g < G; ++g) {
+        const vec o = at01 ? zero : own[g];
+        const vec a = at0 ? cd[g] : (at1 ? vb * in[g] : in[g]);
+        const vec v = va * (x - o) + a;
+        in[g] = x;
+        own[g] = v;
+        x = v;
+      }
+    } else {
+#pragma GCC unroll 8
+      for (uint64_t g = 0; g < G; ++g) {
+        const vec v = va * (x - own[g]) + in[g];
+        in[g] = x;
+        own[g] = v;
+        x = v;
+      }
+    }
+    hist[t % kLag] = x;
+    if (t >= (L - 1) * kLag) buf[t - (L - 1) * kLag] = x[L - 1];
+  }
+}
+
+void warplanes2(double *buf, uint64_t P, const double *cdown, double alpha, double beta) {
+  warplanes<2>(buf, P, cdown, alpha, beta);
+}
+
+KESTREL_TARGET_AVX2 void warplanes4avx2(double *buf, uint64_t P, const double *cdown, double alpha, double beta) {
+  warplanes<4>(buf, P, cdown, alpha, beta);
 }
 
 // Warps r[0..m] into c[0..p] with a scratch of p+1 doubles: the free
@@ -97,13 +192,17 @@ bool warpinto(const double *r, uint32_t m, double *c, uint32_t p, double alpha, 
 
 // Common tail: nfft-point log spectrum S in the real half of buf -> real
 // cepstrum -> halve r(nfft/2) and r0 -> warp r0..rm -> double c0.
-int cepstrumtail(double *buf, uint32_t nfft, uint32_t m, uint32_t p, double *c, double alpha) {
+int cepstrumtail(double *buf, uint32_t nfft, uint32_t m, uint32_t p, double *c, double alpha,
+                 const FFTPLAN *inverse) {
   double *re = buf;
   double *im = buf + nfft;
   const double scale = 1.0 / static_cast<double>(nfft);
   for (uint32_t i = 0; i < nfft; ++i) re[i] = re[i] * scale;
   for (uint32_t i = 0; i < nfft; ++i) im[i] = 0.0;
-  ifftr(static_cast<int32_t>(nfft), re, im);
+  if (fftplanlength(inverse) == static_cast<int32_t>(nfft))
+    fftplanr(inverse, re, im);
+  else
+    ifftr(static_cast<int32_t>(nfft), re, im);
   re[nfft / 2] = re[nfft / 2] * 0.5;
   re[0] = re[0] * 0.5;
   if (!warpinto(re, m, c, p, alpha, im, nfft)) return -1;
@@ -115,7 +214,7 @@ int cepstrumtail(double *buf, uint32_t nfft, uint32_t m, uint32_t p, double *c, 
 int noisetail(const double *x, uint32_t n, double fs, uint32_t centre, uint32_t nfft, double *buf, uint32_t p,
               double *c, double alpha, CCMEM *area) {
   if (getnoiselogspectrum(x, n, fs, centre, nfft, buf, area->noise) != 0) return -1;
-  return cepstrumtail(buf, nfft, nfft / 2, p, c, alpha);
+  return cepstrumtail(buf, nfft, nfft / 2, p, c, alpha, area->inverse);
 }
 
 // Arguments every per-frame method needs to be meaningful and in bounds.
@@ -204,6 +303,11 @@ int ccwarp(const double *c, uint32_t m, double *out, uint32_t p, double alpha, d
   // scratch the interface provides for is no longer needed.
   (void)work;
   uint64_t i = 0;
+  // Groups of passes side by side in vector lanes, each lane one element
+  // behind the one before it: the same operations on every element.
+  if (kestrel::haveavx2())
+    for (; i + 4 * kWarpPasses <= M + 1; i += 4 * kWarpPasses) warplanes4avx2(out, P, c + (M - i), alpha, beta);
+  for (; i + 2 * kWarpPasses <= M + 1; i += 2 * kWarpPasses) warplanes2(out, P, c + (M - i), alpha, beta);
   for (; i + kWarpPasses <= M + 1; i += kWarpPasses) warppasses<kWarpPasses>(out, P, c + (M - i), alpha, beta);
   for (; i <= M; ++i) warppasses<1>(out, P, c + (M - i), alpha, beta);
   return 0;
@@ -221,6 +325,7 @@ CCMEM *ccmeminitialize(double fs, double fmin, uint32_t framesize, uint32_t nfft
   CCMEM *area = static_cast<CCMEM *>(std::malloc(sizeof(CCMEM)));
   if (!area) return nullptr;
   area->harmonic = nullptr;
+  area->inverse = nullptr;
   area->noise = nameminitializefft(framesize, nfft);
   if (!area->noise) {
     std::free(area);
@@ -228,6 +333,8 @@ CCMEM *ccmeminitialize(double fs, double fmin, uint32_t framesize, uint32_t nfft
   }
   // Without a harmonic area (allocation refused) voiced frames take the
   // noise spectrum, as when their analysis fails.
+  // Without a plan the cepstrum is transformed without one: the same bits.
+  if (nfft <= kMaxFft) area->inverse = fftplancreate(static_cast<int32_t>(nfft), -1);
   if (method == 0 || method == 1)
     area->harmonic = hameminitialize(fs, fs, fmin);
   else if (method != 3 && method != 4)
@@ -241,6 +348,7 @@ int ccmemdestroy(CCMEM *area) {
   if (kind == HAMEM_KIND) hamemdestroy(static_cast<HAMEM *>(area->harmonic));
   if (kind == QHAMEM_KIND) qhamemdestroy(static_cast<QHAMEM *>(area->harmonic));
   namemdestroy(area->noise);
+  fftplanfree(area->inverse);
   std::free(area);
   return 0;
 }
@@ -253,7 +361,7 @@ int getharmmcep(const double *x, uint32_t n, double fs, uint32_t centre, double 
       getlogspectrumfromharms(x, n, fs, centre, f0, nfft, buf, static_cast<HAMEM *>(area->harmonic)) == -1) {
     if (getnoiselogspectrum(x, n, fs, centre, nfft, buf, area->noise) != 0) return -1;
   }
-  return cepstrumtail(buf, nfft, nfft / 2, p, c, alpha);
+  return cepstrumtail(buf, nfft, nfft / 2, p, c, alpha, area->inverse);
 }
 
 int getharmrdc(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft, double *buf,
@@ -280,14 +388,14 @@ int getwwcmcep(const double *x, uint32_t n, double fs, uint32_t centre, double f
     const double q = std::floor(fs / (1.5 * f0));
     if (q < static_cast<double>(m)) m = q > 0.0 ? static_cast<uint32_t>(q) : 0;
   }
-  return cepstrumtail(buf, nfft, m, p, c, alpha);
+  return cepstrumtail(buf, nfft, m, p, c, alpha, area->inverse);
 }
 
 int getseemcep(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t nfft, double *buf,
                uint32_t p, double *c, double alpha, CCMEM *area) {
   if (!validcall(x, n, nfft, buf, c, area)) return -1;
   if (getseevoclogspectrum(x, n, fs, centre, f0, nfft, buf, area->noise) != 0) return -1;
-  return cepstrumtail(buf, nfft, nfft / 2, p, c, alpha);
+  return cepstrumtail(buf, nfft, nfft / 2, p, c, alpha, area->inverse);
 }
 
 int waveform2cc(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first, uint32_t nframes,

@@ -82,10 +82,12 @@ KESTREL_API uint32_t applycloudfilt16k042(double *cc, uint32_t order, uint32_t n
 
 /* --- analysis ------------------------------------------------------------- */
 /* Cepstral-analysis work area: harmonic-analysis area (HAMEM or QHAMEM by
- * method, NULL for methods 3 and 4) and the noise-analysis area. */
+ * method, NULL for methods 3 and 4), the noise-analysis area and the inverse
+ * FFT plan of the cepstrum (NULL when it could not be made). */
 typedef struct CCMEM {
   void *harmonic;
   NAMEM *noise;
+  struct FFTPLAN *inverse;
 } CCMEM;
 
 /* nframes rows of p+1 warped cepstra into cc (getccsize doubles). method:

@@ -22,6 +22,7 @@
 #include "harmonicanalysis.h"
 #include "matvect.h"
 #include "randgen.h"
+#include "simd.h"
 #include "spectralanalysis.h"
 #include "windowing.h"
 
@@ -496,7 +497,7 @@ struct CCSTREAM {
     u.order = order;
     u.p1 = static_cast<uint32_t>(p1);
     u.hasfv = hasfv;
-    u.avx2 = __builtin_cpu_supports("avx2");
+    u.avx2 = kestrel::haveavx2();
     u.c0min = c0min;
     u.c0max = c0max;
     // Every voiced frame sharing the utterance's lowest c0 leaves the fv

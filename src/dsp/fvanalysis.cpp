@@ -122,6 +122,31 @@ double fvweight(double v) {
   return 0;
 }
 
+// Forward FFT plans of the lengths one estimate meets (one per power of two),
+// made when a length first occurs and released with the estimate.
+class Plans {
+ public:
+  Plans() = default;
+  Plans(const Plans &) = delete;
+  Plans &operator=(const Plans &) = delete;
+  ~Plans() {
+    for (FFTPLAN *p : plans_) fftplanfree(p);
+  }
+  // fftc of nfft (a power of two) points, through the plan when one could be made.
+  void forward(uint32_t nfft, double *x) {
+    uint32_t b = 0;
+    while ((1u << b) < nfft) ++b;
+    if (!plans_[b]) plans_[b] = fftplancreate(static_cast<int32_t>(nfft), 1);
+    if (plans_[b])
+      fftplanc(plans_[b], x);
+    else
+      fftc(static_cast<int32_t>(nfft), x);
+  }
+
+ private:
+  FFTPLAN *plans_[32] = {};
+};
+
 int estimatefv(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first, uint32_t nframes,
                const double *f0, double *fv) {
   std::memset(fv, 0, sizeof(double) * nframes);
@@ -140,6 +165,7 @@ int estimatefv(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t 
   double *freq = area.data();
   double *lik = freq + nfft0 / 2;
   double *logp = lik + nfft0 / 2;
+  Plans plans;
 
   for (uint32_t k = 0; k < nframes; ++k) {
     const uint32_t c = first + k * shift;
@@ -155,14 +181,21 @@ int estimatefv(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t 
     const uint32_t hw = (hwd > nfft) ? nfft : static_cast<uint32_t>(hwd);
 
     // Zero-phase frame: sample c at index 0, c+i at i, c-i at nfft-i.
-    std::fill(spectrum.begin(), spectrum.begin() + 2 * static_cast<size_t>(nfft), 0.0);
-    if (c < n) spectrum[0] = 2 * x[c];
+    // Every element is written once: the window's two ends (nfft >= 4N
+    // keeps them apart) and zeros elsewhere.
+    double *sp = spectrum.data();
+    sp[0] = (c < n) ? 2 * x[c] : 0.0;
+    sp[1] = 0.0;
     for (uint32_t i = 1; i <= half; ++i) {
       const double w = 1 + std::cos(kPi * i / half);
-      if (static_cast<uint64_t>(c) + i < n) spectrum[2 * static_cast<size_t>(i)] = x[c + i] * w;
-      if (i <= c && c - i < n) spectrum[2 * static_cast<size_t>(nfft - i)] = x[c - i] * w;
+      double *lo = sp + 2 * static_cast<size_t>(i), *hi = sp + 2 * static_cast<size_t>(nfft - i);
+      lo[0] = (static_cast<uint64_t>(c) + i < n) ? x[c + i] * w : 0.0;
+      lo[1] = 0.0;
+      hi[0] = (i <= c && c - i < n) ? x[c - i] * w : 0.0;
+      hi[1] = 0.0;
     }
-    fftc(static_cast<int32_t>(nfft), spectrum.data());
+    std::fill(sp + 2 * (static_cast<size_t>(half) + 1), sp + 2 * static_cast<size_t>(nfft - half), 0.0);
+    plans.forward(nfft, spectrum.data());
     for (uint32_t j = 0; j <= nfft / 2; ++j) {
       const double re = spectrum[2 * static_cast<size_t>(j)], im = spectrum[2 * static_cast<size_t>(j) + 1];
       logp[j] = std::log(re * re + im * im);

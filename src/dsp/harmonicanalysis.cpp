@@ -7,6 +7,8 @@
 #include <cmath>
 #include <cstdint>
 
+#include "simd.h"
+
 namespace {
 
 constexpr double kTwoPi = 6.283185307179586;
@@ -245,7 +247,7 @@ int genharmonics(double *buf, uint32_t before, uint32_t after, double fs, double
     ms = std::sin(theta0);
   }
 
-  const bool avx2 = __builtin_cpu_supports("avx2");
+  const bool avx2 = kestrel::haveavx2();
   const unsigned groupsize = avx2 ? kGroup : kGroup / 2;
   Harmonic group[kGroup];
   unsigned g = 0;

@@ -34,6 +34,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "simd.h"
 #include "windowing.h"
 
 namespace {
@@ -170,12 +171,14 @@ bool prepareframe(const double *x, uint32_t n, double fs, uint32_t centre, doubl
   return true;
 }
 
-// Solves G x = b in place (b becomes x) for a symmetric positive-definite G
-// of which the upper triangle (row-major, n x n) is given; G is destroyed
-// and holds U with G = U'U. Pivot rows are applied four at a time to the rows
+// Cholesky solves of G x = b in place (b becomes x) for a symmetric
+// positive-definite G of which the upper triangle (row-major, n x n) is
+// given; G is destroyed and holds U with G = U'U. Pivot rows are applied four at a time to the rows
 // below them along contiguous memory, two columns per vector operation; every
 // entry still takes its updates in pivot order, so the result equals the
-// plain elimination bit for bit.
+// plain elimination bit for bit. The solve is split into the factorisation
+// with the forward substitution, and the back substitution, whose sums are
+// one serial chain each: two systems of a fit run their chains side by side.
 constexpr uint32_t kPanel = 4;
 #if defined(__GNUC__)
 typedef double v2d __attribute__((vector_size(16)));
@@ -186,7 +189,35 @@ inline v2d loadv2d(const double *p) {
 }
 #endif
 
-bool choleskysolve(double *G, double *b, uint32_t n, double ridge) {
+#if defined(KESTREL_AVX2)
+// Row update of the panel loop from column l on, four columns per AVX
+// operation (processors with AVX2): the same lane-wise products and
+// differences in the same order as the SSE2 and scalar loops. Returns the
+// first column left over.
+KESTREL_TARGET_AVX2 uint32_t panelrowavx2(double *__restrict Ui, const double *__restrict P0,
+                                                      const double *__restrict P1, const double *__restrict P2,
+                                                      const double *__restrict P3, const double u[4], uint32_t l,
+                                                      uint32_t n) {
+  const __m256d v0 = _mm256_set1_pd(u[0]), v1 = _mm256_set1_pd(u[1]), v2 = _mm256_set1_pd(u[2]),
+                v3 = _mm256_set1_pd(u[3]);
+  for (; l + 4 <= n; l += 4) {
+    __m256d t = _mm256_loadu_pd(Ui + l);
+    t = _mm256_sub_pd(t, _mm256_mul_pd(v0, _mm256_loadu_pd(P0 + l)));
+    t = _mm256_sub_pd(t, _mm256_mul_pd(v1, _mm256_loadu_pd(P1 + l)));
+    t = _mm256_sub_pd(t, _mm256_mul_pd(v2, _mm256_loadu_pd(P2 + l)));
+    t = _mm256_sub_pd(t, _mm256_mul_pd(v3, _mm256_loadu_pd(P3 + l)));
+    _mm256_storeu_pd(Ui + l, t);
+  }
+  return l;
+}
+#endif
+
+// Factorisation and forward substitution (b becomes U'^-1 b); false on a
+// pivot that is not positive and finite.
+bool choleskyforward(double *G, double *b, uint32_t n, double ridge) {
+#if defined(KESTREL_AVX2)
+  const bool avx2 = kestrel::haveavx2();
+#endif
   for (uint32_t i = 0; i < n; ++i) G[static_cast<uint64_t>(i) * n + i] += ridge;
   for (uint32_t jb = 0; jb < n; jb += kPanel) {
     const uint32_t je = (n - jb > kPanel) ? jb + kPanel : n;
@@ -196,11 +227,27 @@ bool choleskysolve(double *G, double *b, uint32_t n, double ridge) {
       if (!(s > 0.0) || !std::isfinite(s)) return false;
       const double d = std::sqrt(s);
       Uj[j] = d;
-      for (uint32_t i = j + 1; i < n; ++i) Uj[i] /= d;
-      for (uint32_t i = j + 1; i < je; ++i) {
+      uint32_t i = j + 1;
+#if defined(__GNUC__)
+      const v2d vd = {d, d};
+      for (; i + 2 <= n; i += 2) {
+        const v2d t = loadv2d(Uj + i) / vd;
+        std::memcpy(Uj + i, &t, sizeof t);
+      }
+#endif
+      for (; i < n; ++i) Uj[i] /= d;
+      for (i = j + 1; i < je; ++i) {
         double *Ui = G + static_cast<uint64_t>(i) * n;
         const double u = Uj[i];
-        for (uint32_t l = i; l < n; ++l) Ui[l] -= u * Uj[l];
+        uint32_t l = i;
+#if defined(__GNUC__)
+        const v2d vu = {u, u};
+        for (; l + 2 <= n; l += 2) {
+          const v2d t = loadv2d(Ui + l) - vu * loadv2d(Uj + l);
+          std::memcpy(Ui + l, &t, sizeof t);
+        }
+#endif
+        for (; l < n; ++l) Ui[l] -= u * Uj[l];
       }
     }
     const double *P[kPanel];
@@ -211,6 +258,12 @@ bool choleskysolve(double *G, double *b, uint32_t n, double ridge) {
         const double *__restrict P0 = P[0], *__restrict P1 = P[1], *__restrict P2 = P[2], *__restrict P3 = P[3];
         const double u0 = P0[i], u1 = P1[i], u2 = P2[i], u3 = P3[i];
         uint32_t l = i;
+#if defined(KESTREL_AVX2)
+        if (avx2) {
+          const double u[4] = {u0, u1, u2, u3};
+          l = panelrowavx2(Ui, P0, P1, P2, P3, u, l, n);
+        }
+#endif
 #if defined(__GNUC__)
         const v2d v0 = {u0, u0}, v1 = {u1, u1}, v2 = {u2, u2}, v3 = {u3, u3};
         for (; l + 2 <= n; l += 2) {
@@ -237,17 +290,58 @@ bool choleskysolve(double *G, double *b, uint32_t n, double ridge) {
     const double *Uk = G + static_cast<uint64_t>(k) * n;
     const double xk = b[k] / Uk[k];
     b[k] = xk;
-    for (uint32_t i = k + 1; i < n; ++i) b[i] -= Uk[i] * xk;
+    uint32_t i = k + 1;
+#if defined(__GNUC__)
+    const v2d vx = {xk, xk};
+    for (; i + 2 <= n; i += 2) {
+      const v2d t = loadv2d(b + i) - loadv2d(Uk + i) * vx;
+      std::memcpy(b + i, &t, sizeof t);
+    }
+#endif
+    for (; i < n; ++i) b[i] -= Uk[i] * xk;
   }
-  for (uint32_t i = n; i-- > 0;) {
-    const double *Ui = G + static_cast<uint64_t>(i) * n;
-    double t = b[i];
-    for (uint32_t k = i + 1; k < n; ++k) t -= Ui[k] * b[k];
-    b[i] = t / Ui[i];
-  }
+  return true;
+}
+
+// Back substitution row i of U x = b: b[i] - sum U[i][k] x[k], k ascending.
+inline void backrow(const double *U, double *b, uint32_t n, uint32_t i) {
+  const double *Ui = U + static_cast<uint64_t>(i) * n;
+  double t = b[i];
+  for (uint32_t k = i + 1; k < n; ++k) t -= Ui[k] * b[k];
+  b[i] = t / Ui[i];
+}
+
+bool allfinite(const double *b, uint32_t n) {
   for (uint32_t i = 0; i < n; ++i)
     if (!std::isfinite(b[i])) return false;
   return true;
+}
+
+// Back substitutions of two factorised systems: their rows with the same
+// number of terms (counted from the last row) run together.
+void backsubstitute2(const double *UA, double *bA, uint32_t nA, const double *UB, double *bB, uint32_t nB) {
+  const uint32_t both = nA < nB ? nA : nB;
+  for (uint32_t r = 0; r < both; ++r) {
+    const uint32_t iA = nA - 1 - r, iB = nB - 1 - r;
+    const double *a = UA + static_cast<uint64_t>(iA) * nA, *c = UB + static_cast<uint64_t>(iB) * nB;
+    double tA = bA[iA], tB = bB[iB];
+    for (uint32_t k = 1; k <= r; ++k) {
+      tA -= a[iA + k] * bA[iA + k];
+      tB -= c[iB + k] * bB[iB + k];
+    }
+    bA[iA] = tA / a[iA];
+    bB[iB] = tB / c[iB];
+  }
+  for (uint32_t i = nA - both; i-- > 0;) backrow(UA, bA, nA, i);
+  for (uint32_t i = nB - both; i-- > 0;) backrow(UB, bB, nB, i);
+}
+
+// The systems (GA, bA) and (GB, bB) of one fit, each solved exactly as on its
+// own; false when either fails.
+bool choleskysolve2(double *GA, double *bA, uint32_t nA, double *GB, double *bB, uint32_t nB, double ridge) {
+  if (!choleskyforward(GA, bA, nA, ridge) || !choleskyforward(GB, bB, nB, ridge)) return false;
+  backsubstitute2(GA, bA, nA, GB, bB, nB);
+  return allfinite(bA, nA) && allfinite(bB, nB);
 }
 
 #if defined(__GNUC__)
@@ -296,6 +390,95 @@ void harmonicsums4(const Frame &fr, const double *w2, double w0, uint32_t n0, ui
 }
 #endif
 
+#if defined(KESTREL_AVX2)
+// One rotation step of the four samples' (cos, sin) of m w0 n.
+KESTREL_TARGET_AVX2 inline void rotate4(__m256d &c, __m256d &s, __m256d c1, __m256d s1) {
+  const __m256d nc = _mm256_sub_pd(_mm256_mul_pd(c, c1), _mm256_mul_pd(s, s1));
+  s = _mm256_add_pd(_mm256_mul_pd(s, c1), _mm256_mul_pd(c, s1));
+  c = nc;
+}
+
+// r[0] plus the four samples' terms f[j] * v[j] in ascending sample order.
+KESTREL_TARGET_AVX2 inline void sumsingle(double *r, const double f[4], __m256d v) {
+  double lv[4];
+  _mm256_storeu_pd(lv, v);
+  *r = (((*r + f[0] * lv[0]) + f[1] * lv[1]) + f[2] * lv[2]) + f[3] * lv[3];
+}
+
+// r[0..3] plus the four samples' terms f[j] * t[j] (t transposed: lanes by
+// harmonic), in ascending sample order.
+KESTREL_TARGET_AVX2 inline void sumblock(double *r, const __m256d f[4], const __m256d t[4]) {
+  __m256d acc = _mm256_loadu_pd(r);
+#pragma GCC unroll 4
+  for (uint32_t j = 0; j < 4; ++j) acc = _mm256_add_pd(acc, _mm256_mul_pd(f[j], t[j]));
+  _mm256_storeu_pd(r, acc);
+}
+
+// harmonicsums4 with AVX2: the four samples' rotations in one vector; four
+// harmonics' worth of them are transposed so that the sums of four
+// consecutive harmonics take their terms side by side, each still in
+// ascending n, with the products and sums of the scalar loop.
+KESTREL_TARGET_AVX2 void harmonicsums4avx2(const Frame &fr, const double *w2, double w0, uint32_t n0, uint32_t H,
+                                           double *W, double *rc, double *rs) {
+  double gw[4], xe[4], xo[4], c1[4], s1[4];
+  for (uint32_t j = 0; j < 4; ++j) {
+    const uint32_t n = n0 + j;
+    const double xp = fr.sample(n), xm = fr.sample(-static_cast<int64_t>(n));
+    const double g = w2[n];
+    gw[j] = (n == 0) ? g : 2.0 * g;
+    xe[j] = g * ((n == 0) ? xp : xp + xm);
+    xo[j] = g * (xp - xm);
+    const double th = w0 * static_cast<double>(n);
+    c1[j] = std::cos(th);
+    s1[j] = std::sin(th);
+  }
+  const __m256d vc1 = _mm256_loadu_pd(c1), vs1 = _mm256_loadu_pd(s1);
+  __m256d c = _mm256_set1_pd(1.0), s = _mm256_set1_pd(0.0);
+  __m256d g[4], e[4], o[4];
+#pragma GCC unroll 4
+  for (uint32_t j = 0; j < 4; ++j) {
+    g[j] = _mm256_set1_pd(gw[j]);
+    e[j] = _mm256_set1_pd(xe[j]);
+    o[j] = _mm256_set1_pd(xo[j]);
+  }
+  uint32_t m = 0;
+  for (; m + 4 <= H + 1; m += 4) {
+    __m256d C[4], S[4], TC[4], TS[4];
+#pragma GCC unroll 4
+    for (uint32_t q = 0; q < 4; ++q) {
+      C[q] = c;
+      S[q] = s;
+      rotate4(c, s, vc1, vs1);
+    }
+    kestrel::transpose4(C, TC);
+    kestrel::transpose4(S, TS);
+    sumblock(W + m, g, TC);
+    sumblock(rc + m, e, TC);
+    sumblock(rs + m, o, TS);
+  }
+  for (; m <= H; ++m) {
+    sumsingle(W + m, gw, c);
+    sumsingle(rc + m, xe, c);
+    sumsingle(rs + m, xo, s);
+    rotate4(c, s, vc1, vs1);
+  }
+  for (; m + 4 <= 2 * H + 1; m += 4) {
+    __m256d C[4], TC[4];
+#pragma GCC unroll 4
+    for (uint32_t q = 0; q < 4; ++q) {
+      C[q] = c;
+      rotate4(c, s, vc1, vs1);
+    }
+    kestrel::transpose4(C, TC);
+    sumblock(W + m, g, TC);
+  }
+  for (; m <= 2 * H; ++m) {
+    sumsingle(W + m, gw, c);
+    rotate4(c, s, vc1, vs1);
+  }
+}
+#endif
+
 // Harmonic least squares at k*w0, k = 0..H. On success rc[0..H] holds
 // (a0, A_1..A_H) and rs[1..H] holds B_1..B_H.
 bool fitharmonic(const Frame &fr, const double *w2, double w0, uint32_t H, HAMEM *a, double **rcout,
@@ -308,6 +491,10 @@ bool fitharmonic(const Frame &fr, const double *w2, double w0, uint32_t H, HAMEM
   for (uint32_t k = 0; k <= H; ++k) rc[k] = rs[k] = 0.0;
   uint32_t n = 0;
 #if defined(__GNUC__)
+#if defined(KESTREL_AVX2)
+  if (kestrel::haveavx2())
+    for (; n + 4 <= h + 1; n += 4) harmonicsums4avx2(fr, w2, w0, n, H, W, rc, rs);
+#endif
   for (; n + 4 <= h + 1; n += 4) harmonicsums4(fr, w2, w0, n, H, W, rc, rs);
 #endif
   for (; n <= h; ++n) {
@@ -344,8 +531,7 @@ bool fitharmonic(const Frame &fr, const double *w2, double w0, uint32_t H, HAMEM
     for (uint32_t l = 1; l <= k; ++l)
       Gs[static_cast<uint64_t>(l - 1) * ns + (k - 1)] = 0.5 * (W[k - l] - W[k + l]);
   const double ridge = kRidge * W[0];
-  if (!choleskysolve(Gc, rc, nc, ridge)) return false;
-  if (!choleskysolve(Gs, rs + 1, ns, ridge)) return false;
+  if (!choleskysolve2(Gc, rc, nc, Gs, rs + 1, ns, ridge)) return false;
   *rcout = rc;
   *rsout = rs;
   return true;
@@ -572,8 +758,7 @@ bool fitquasiharmonic(const Frame &fr, const double *w2, const double *w, uint32
     }
   }
   const double ridge = kRidge * re[0];
-  if (!choleskysolve(Ge, be, B, ridge)) return false;
-  if (!choleskysolve(Go, bo, B, ridge)) return false;
+  if (!choleskysolve2(Ge, be, B, Go, bo, B, ridge)) return false;
   for (uint32_t k = 0; k < K; ++k) {
     coef[4 * k + 0] = be[1 + 2 * k];  // c
     coef[4 * k + 1] = bo[1 + 2 * k];  // s

@@ -93,7 +93,7 @@ struct HammingRotor {
 // win == nullptr computes the unit-mean-square Hamming window on the fly.
 // Returns the window sum over all N points (for peak amplitudes).
 double periodogram(const double *x, uint32_t n, uint32_t c, uint32_t N, const double *win, uint32_t nfft,
-                   double *re, double *im) {
+                   double *re, double *im, const FFTPLAN *plan) {
   uint32_t start, end;
   segmentbounds(N, n, c, &start, &end);
   const uint32_t half = N / 2;
@@ -116,7 +116,10 @@ double periodogram(const double *x, uint32_t n, uint32_t c, uint32_t N, const do
     }
   }
   for (uint32_t i = end > start ? end : start; i < nfft; ++i) re[i] = 0.0;
-  fftr(static_cast<int32_t>(nfft), re, im);
+  if (fftplanlength(plan) == static_cast<int32_t>(nfft))
+    fftplanr(plan, re, im);
+  else
+    fftr(static_cast<int32_t>(nfft), re, im);
   return wsum;
 }
 
@@ -156,11 +159,18 @@ NAMEM *nameminitialize(uint32_t N, uint32_t M) {
   area->N = N;
   area->window = block;
   area->scratch = block + N;
+  area->forward = nullptr;
   winhamming(area->window, N, 1);
   return area;
 }
 
-NAMEM *nameminitializefft(uint32_t N, uint32_t nfft) { return nameminitialize(N, nfft); }
+NAMEM *nameminitializefft(uint32_t N, uint32_t nfft) {
+  NAMEM *area = nameminitialize(N, nfft);
+  // Without a plan (nfft not a power of two, or no memory) the periodogram
+  // transforms without one: the same bits either way.
+  if (area && nfft <= (1u << 30)) area->forward = fftplancreate(static_cast<int32_t>(nfft), 1);
+  return area;
+}
 
 NAMEM *nameminitializelpc(uint32_t N, uint32_t order) {
   const uint64_t M = static_cast<uint64_t>(N) + 2 * (static_cast<uint64_t>(order) + 1);
@@ -170,6 +180,7 @@ NAMEM *nameminitializelpc(uint32_t N, uint32_t order) {
 
 int namemdestroy(NAMEM *area) {
   if (area) {
+    fftplanfree(area->forward);
     std::free(area->window);
     std::free(area);
   }
@@ -181,7 +192,7 @@ int getnoiselogspectrum(const double *x, uint32_t n, double fs, uint32_t c, uint
   if (!validframe(x, n, nfft, out, area)) return -1;
   const uint32_t N = area->N;
   double *im = area->scratch;
-  periodogram(x, n, c, N, area->window, nfft, out, im);
+  periodogram(x, n, c, N, area->window, nfft, out, im, area->forward);
   const double scale = 1.0 / (static_cast<double>(N) * fs);
   const double floor = static_cast<double>(N) * kFloorPerSample;
   const uint32_t h = nfft / 2;
@@ -202,7 +213,7 @@ int getsignallogspectrum(const double *x, uint32_t n, double fs, uint32_t c, dou
   if (!validframe(x, n, nfft, out, area)) return -1;
   const uint32_t N = area->N;
   double *P = area->scratch;  // the imaginary part, then the power spectrum
-  periodogram(x, n, c, N, area->window, nfft, out, P);
+  periodogram(x, n, c, N, area->window, nfft, out, P, area->forward);
   const uint32_t h = nfft / 2;
   for (uint32_t k = 0; k <= h; ++k) P[k] = out[k] * out[k] + P[k] * P[k];
   // Box of width f0 centred on bin k over the piecewise-constant periodogram
@@ -254,7 +265,7 @@ int getseevoclogspectrum(const double *x, uint32_t n, double fs, uint32_t c, dou
     win = nullptr;
   }
   double *im = area->scratch;
-  const double wsum = periodogram(x, n, c, N, win, nfft, out, im);
+  const double wsum = periodogram(x, n, c, N, win, nfft, out, im, area->forward);
   const uint32_t h = nfft / 2;
   for (uint32_t k = 0; k <= h; ++k) out[k] = out[k] * out[k] + im[k] * im[k];
 

@@ -12,11 +12,13 @@
 KESTREL_BEGIN_C
 
 /* Noise-analysis work area: an N-point unit-mean-square Hamming window and
- * M doubles of scratch, in one block (window first). */
+ * M doubles of scratch, in one block (window first); forward is the forward
+ * FFT plan of M points when the area was made for an FFT length (else NULL). */
 typedef struct NAMEM {
   uint32_t N;
   double *window;
   double *scratch;
+  struct FFTPLAN *forward;
 } NAMEM;
 
 /* buf: 2*nfft doubles (real half, imaginary half). On entry real[1..nfft/2-1]
