@@ -140,7 +140,6 @@ BAD = [
     (lambda: kestrel.analyse(np.zeros(4000), 16000), ValueError, "x is silent (no sample reaches one 16-bit step)."),
     (lambda: kestrel.analyse(NOISE.reshape(2, -1), 16000), ValueError, "more channels (2000) than samples"),
     (lambda: kestrel.analyse(NOISE, 0), ValueError, "fs=0 is not a usable sampling rate."),
-    (lambda: kestrel.analyse(NOISE, 16000, shift=80.5), TypeError, "shift must be an integer"),
     (lambda: kestrel.analyse(NOISE, 16000, alpha=float("nan")), ValueError, "alpha=nan is out of range"),
     (lambda: kestrel.analyse(NOISE, 16000, f0min=300, f0max=300), ValueError, "f0max=300 must be above f0min=300."),
     (lambda: kestrel.synthesise((LF0, CC[:9])), ValueError, "lf0 and cc have incompatible dimensions"),
@@ -149,10 +148,8 @@ BAD = [
     (lambda: kestrel.synthesise((LF0, CC), fdur=0.01, shift=1), ValueError,
      "frame shift of 0 samples out of range (1 to 1048576)."),
     (lambda: kestrel.synthesise(LF0), TypeError, "features must be a Features or a tuple"),
-    (lambda: kestrel.synthesise((LF0, CC), dtype=np.complex64), TypeError, "dtype must be one of"),
     (lambda: kestrel.synthesise((LF0, CC), fpitch="2"), TypeError, "fpitch must be a real number"),
     (lambda: kestrel.Features.load("/nonexistent/a"), FileNotFoundError, "could not open /nonexistent/a.lf0."),
-    (lambda: kestrel.getpitch(NOISE, fs=-1.0), ValueError, "not a usable sampling rate"),
 ]
 
 
