@@ -261,8 +261,10 @@ TEST_F(KestrelanaCli, BadInputsEndTheUtteranceCleanly) {
   }
   writewav16k(at("@/utt001.wav"), harmonicsignal(120.0, 16000.0, 0.5));
   writewav16k(at("@/utt3.wav"), harmonicsignal(120.0, 16000.0, 0.5));
-  check("@/utt???.wav @/utt???.lf0 @/utt???.cc --indlist=1-2", "@/utt001.cc\n@/utt002.cc\nError: could not open @/utt002.wav.\n");
-  check("@/utt?.wav @/u?.lf0 @/u?.cc --indlist=3,10", "@/u3.cc\n@/u3.cc\nError: index 10 does not fit the file-name placeholder of @/utt3.wav.\n");
+  check("@/utt???.wav @/utt???.lf0 @/utt???.cc --indlist=1-2",
+        "@/utt001.cc\n@/utt002.cc\nError: could not open @/utt002.wav.\n");
+  check("@/utt?.wav @/u?.lf0 @/u?.cc --indlist=3,10",
+        "@/u3.cc\n@/u3.cc\nError: index 10 does not fit the file-name placeholder of @/utt3.wav.\n");
   EXPECT_EQ(floats("@/utt001.lf0"), floats("@/u3.lf0"));
 }
 

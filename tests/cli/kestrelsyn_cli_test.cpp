@@ -212,7 +212,9 @@ TEST_F(KestrelsynCli, OptionEffects) {
                     outside = " is outside (-1, 1): the output will not be meaningful";
   const struct { const char *opts; std::string message; } warn[] = {
       {"--alpha=0.55 --floud=1", nofilters}, {"--alpha=0.55 --fpfilt=-1", nofilters},  // before clamping to 0
-      {"--alpha=0.55 --fdrc=0.5", nofilters}, {"--alpha=nan --fpfilt=0.5", nofilters + W("@/e.wav contains non-finite samples, written as -32768")},
+      {"--alpha=0.55 --fdrc=0.5", nofilters},
+      // A NaN alpha also makes NaN samples.
+      {"--alpha=nan --fpfilt=0.5", nofilters + W("@/e.wav contains non-finite samples, written as -32768")},
       {"--alpha=0.99", ""}, {"--alpha=1", W("alpha 1" + outside)}, {"--alpha=-2.5 --fwarp=0.1", W("alpha -2.5" + outside)}};
   for (const auto &w : warn) render(w.opts, w.message);
   // (a, b, same): the two renderings are equal or differ.
@@ -224,7 +226,8 @@ TEST_F(KestrelsynCli, OptionEffects) {
       {"--floud=4", "--floud=3.5", false}, {"--floud=-inf", "--floud=-4", true}, {"--fpfilt=2", "--fpfilt=1", true},
       {"--fpfilt=-1", "", true}, {"--fpfilt=0.1", "", false}, {"--fdrc=-1", "", true}, {"--fdrc=7", "--fdrc=1", true},
       {"--htsscale=0", "--htsscale=2", true}, {"--wavnorm=257", "--wavnorm=1", true}, {"--wavnorm=-255", "--wavnorm=1", true},
-      {"--wavnorm=2", "", true}, {"--wavnorm=256", "", true}, {"--alpha=0.55", "--alpha=0.55 --floud=1 --fpfilt=1 --fdrc=1", true},
+      {"--wavnorm=2", "", true}, {"--wavnorm=256", "", true},
+      {"--alpha=0.55", "--alpha=0.55 --floud=1 --fpfilt=1 --fdrc=1", true},
       {"--fwarp=0.1", "--fwarp=0.1 --floud=1", false},  // with alpha 0.42 given, loudness stays on
       {"--fpitch=2", "", false}, {"--fvpitch=2", "", false}, {"--fwarp=0.1", "", false}, {"--fdrc=1", "", false},
       {"--htsscale=0", "", false}, {"--wavnorm=1", "", false}, {"--alpha=0.3", "", false}};

@@ -19,8 +19,9 @@ TEST(Help, NamesTheProgramVersionAndOptions) {
   for (const auto &c : std::vector<std::pair<const char *, std::string>>{
            {"kestrelsyn", "kestrelsyn"}, {"./build/kestrelsyn", "kestrelsyn"}, {"C:\\tools\\syn.exe", "syn.exe"}}) {
     const std::string help = captured(plothelp, c.first);
-    for (const std::string &line : std::vector<std::string>{"  === KESTRELSYN16 v0.99 ===", "   " + c.second + " filef0 filecc filefv fileout [params]",
-                                   "   --lframe=80     Frame shift (samples)", "   --wavnorm=0     Adapt wav amplitude to available range"})
+    for (const std::string &line : std::vector<std::string>{
+             "  === KESTRELSYN16 v0.99 ===", "   " + c.second + " filef0 filecc filefv fileout [params]",
+             "   --lframe=80     Frame shift (samples)", "   --wavnorm=0     Adapt wav amplitude to available range"})
       EXPECT_NE(help.find("\n" + line + "\n"), std::string::npos) << line;
     EXPECT_EQ(captured(argcerror, c.first), "Error: incorrect input arguments.\nType '" + c.second + "' for help.\n");
   }
