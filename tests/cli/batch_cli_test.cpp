@@ -101,7 +101,11 @@ TEST_F(BatchTest, ShardsAddUpToTheWholeRunAndAKilledRunResumes) {
     execl(kAna.c_str(), kAna.c_str(), at("--list=@/wav.scp").c_str(), at("--outdir=@/run").c_str(), nullptr);
     _exit(127);
   }
-  for (int t = 0; t < 2000 && tree(at("@/run")).size() < 6; ++t) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  auto complete = [this] {  // utterances whose last output (.fv) is in place
+    std::error_code e;
+    return std::count_if(fs::directory_iterator(at("@/run"), e), {}, [](auto &f) { return f.path().extension() == ".fv"; });
+  };
+  for (int t = 0; t < 12000 && complete() < 2; ++t) std::this_thread::sleep_for(std::chrono::milliseconds(5));
   kill(pid, SIGKILL);
   waitpid(pid, nullptr, 0);
   const size_t done = tree(at("@/run")).size() / 3;
