@@ -70,7 +70,7 @@ def _cli(opts):
 
 
 @pytest.mark.parametrize("opts", [{}, {"shift": 100, "order": 24, "method": 1, "refine": True, "f0min": 70.0,
-                                       "f0max": 400.0}, {"method": 3, "alpha": 0.35}], ids=str)
+                                       "f0max": 400.0}, {"method": 3, "alpha": 0.35, "pitch": 0}], ids=str)
 def test_analysis_files_equal_kestrelana(tmp_path, kestrelana, opts):
     run(kestrelana, SHORT, tmp_path / "c.lf0", tmp_path / "c.cc", tmp_path / "c.fv", *_cli(opts))
     kestrel.analyse(*kestrel.read_wav(SHORT), **opts).save(str(tmp_path / "p"))
