@@ -141,8 +141,8 @@ class CliTest : public ScratchDirTest {
   Result expectrun(const std::string &prog, const std::string &s, int status, const std::string &out,
                    const std::function<void()> &inchild = {}) {
     const Result r = run(prog, args(s), inchild);
-    EXPECT_TRUE(r.status == status && r.out == at(out) && r.err.empty()) << s << "\nexit " << r.status << "\n"
-                                                                          << r.out << r.err;
+    EXPECT_TRUE(r.status == status && r.out == at(out) && r.err.empty())
+        << s << "\nexit " << r.status << ", output:\n" << r.out << r.err << "expected exit " << status << ":\n" << at(out);
     return r;
   }
   Bytes bytes(const std::string &name) const { return readbytes(at(name)); }
