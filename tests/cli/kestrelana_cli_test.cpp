@@ -16,12 +16,12 @@ const std::string kRecording = std::string(KESTREL_SOURCE_DIR) + "/examples/spee
 
 // Harmonics of f0 below fmax (0: 0.45 fs) with 1/k amplitudes and fixed
 // phases, scaled to the given peak, 10 ms fades at both ends.
-std::vector<double> harmonicsignal(double f0, double fs, double seconds, double peak, double fmax = 0.0) {
-  if (fmax <= 0.0) fmax = 0.45 * fs;
+std::vector<double> harmonicsignal(double f0, double fs, double seconds, double peak = 0.5, double fmax = 0.0) {
   std::vector<double> x(size_t(std::lround(seconds * fs)));
   double m = 0.0;
   for (size_t i = 0; i < x.size(); ++i) {
-    for (int k = 1; k * f0 < fmax; ++k) x[i] += std::sin(2 * kPi * k * f0 * (double(i) / fs) + 0.7 * k) / k;
+    for (int k = 1; k * f0 < (fmax > 0.0 ? fmax : 0.45 * fs); ++k)
+      x[i] += std::sin(2 * kPi * k * f0 * (double(i) / fs) + 0.7 * k) / k;
     m = std::max(m, std::fabs(x[i]));
   }
   const size_t n = x.size(), fade = size_t(0.01 * fs);
@@ -45,10 +45,10 @@ std::vector<double> burstsignal(double fs) {
   return x;
 }
 
-double rms(const std::vector<double> &x) {
+double rmsdb(const std::vector<double> &x) {
   double s = 0.0;
   for (double v : x) s += v * v;
-  return std::sqrt(s / double(x.size()));
+  return 10.0 * std::log10(s / double(x.size()));
 }
 
 // Lag in samples (positive: y late) of the cross-correlation peak, within
@@ -58,11 +58,7 @@ int envelopelag(const std::vector<double> &x, const std::vector<double> &y) {
   const size_t n = std::min(x.size(), y.size());
   auto envelope = [n](const std::vector<double> &s) {
     std::vector<double> e;
-    for (size_t k = 0; k + 160 <= n; k += 4) {
-      double acc = 1e-20;
-      for (size_t i = k; i < k + 160; ++i) acc += s[i] * s[i];
-      e.push_back(10.0 * std::log10(acc));
-    }
+    for (size_t k = 0; k + 160 <= n; k += 4) e.push_back(rmsdb(std::vector<double>(&s[k], &s[k] + 160)));
     const double top = *std::max_element(e.begin(), e.end());
     double mean = 0.0;
     for (double &v : e) mean += (v = std::max(v, top - 80.0)) / double(e.size());
@@ -71,15 +67,13 @@ int envelopelag(const std::vector<double> &x, const std::vector<double> &y) {
   };
   const std::vector<double> a = envelope(x), b = envelope(y);
   const long m = long(a.size());
-  int best = 0;
-  double bestr = -1e300;
+  std::pair<double, int> best{-1e300, 0};
   for (int lag = -60; lag <= 60; ++lag) {
     double r = 0.0;
     for (long i = std::max(0L, -long(lag)); i < std::min(m, m - lag); ++i) r += a[size_t(i)] * b[size_t(i + lag)];
-    r /= double(m - std::abs(lag));
-    if (r > bestr) bestr = r, best = lag;
+    best = std::max(best, {r / double(m - std::abs(lag)), lag});
   }
-  return 4 * best;
+  return 4 * best.second;
 }
 
 // The smallest frame count >= 1 whose resynthesis, (count + 1) shift + 1
@@ -101,8 +95,8 @@ double voicedmedian(const std::vector<float> &lf0, const std::vector<float> &fv 
 
 class KestrelanaCli : public CliTest {
  protected:
-  Result check(const std::string &s, const std::string &out, int status = 0) {
-    return expectrun(KESTRELANA_PATH, s, status, out);
+  void check(const std::string &s, const std::string &out, int status = 0) {
+    expectrun(KESTRELANA_PATH, s, status, out);
   }
   void syn(const std::string &s) { expectrun(KESTRELSYN_PATH, s, 0, ""); }
   std::set<std::string> list(const std::string &sub = "") {
@@ -112,106 +106,71 @@ class KestrelanaCli : public CliTest {
   }
 };
 
-TEST_F(KestrelanaCli, HelpListsEveryOptionWithItsDefaultAndRange) {
-  const Result r = run(KESTRELANA_PATH, {});
-  EXPECT_EQ(r.status, 0);
+TEST_F(KestrelanaCli, HelpAndArgumentErrorsExit255WithoutOutput) {
+  const std::string help = run(KESTRELANA_PATH, {}).out;
   for (const std::string line : {"  === KESTRELANA16 v0.99 ===", "   kestrelana filewav filef0 filecc [filefv] [params]",
-                                 "   --lframe=80     Frame shift (samples at 16 kHz) [1...8000]",
-                                 "   --order=59      Cepstral order [0...255]", "   --f0min=60      Lowest f0 (Hz) [20...1000]"})
-    EXPECT_NE(r.out.find("\n" + line + "\n"), std::string::npos) << line;
-  for (const std::string opt : {"--alpha=0.42 ", "--method=0 ", "--f0max=500 ", "--pitch=1 ", "--refine=0 ",
-                                "--htsscale=1 ", "--indlist= "})
-    EXPECT_NE(r.out.find("\n   " + opt), std::string::npos) << opt;
-}
-
-TEST_F(KestrelanaCli, ArgumentErrorsExit255WithoutOutput) {
-  writewav16k(at("@/in.wav"), harmonicsignal(150.0, 16000.0, 0.3, 0.5));
+                                 "   --lframe=80     Frame shift (samples at 16 kHz) [1...8000]"})
+    EXPECT_NE(help.find("\n" + line + "\n"), std::string::npos) << line;
+  writewav16k(at("@/in.wav"), harmonicsignal(150.0, 16000.0, 0.3));
   const std::string W = "@/in.wav @/o.lf0 @/o.cc ", I = "Error: bad formatted indlist.\n",
                     U = "Error: incorrect input arguments.\nType 'kestrelana' for help.\n";
   std::vector<std::pair<std::string, std::string>> rows = {
-      {"a", U}, {"a b", U}, {"@/in.wav @/o.lf0 --order=20", U}, {W + "@/o.fv @/extra", U}, {W + "--order=x", U},
-      {W + "--order=20 --order=30", U}, {W + "--bogus=1", U}, {W + "--order=20 @/stray", U},
-      {W + "--indlist=3-1", I}, {W + "--indlist=1,,2", I},
-      {W + "--f0min=300 --f0max=300", "Error: --f0max=300 must be above --f0min=300.\n"}};
+      {"a --indlist=x", U}, {"a b", U}, {"@/in.wav @/o.lf0 --order=20", U}, {W + "@/o.fv @/extra", U},
+      {W + "--order=20 --order=30", U}, {W + "--order=20 @/stray", U}, {"a b --indlist=x", I}, {W + "--indlist=3-1", I},
+      {W + "--f0min=300 --f0max=300", "Error: --f0max=300 must be above --f0min=300.\n"},
+      {"--list=@/l --outdir=@/o --featdir=@/f", "Error: --list needs --outdir (and takes no --featdir).\n"}};
   for (const auto &o : std::vector<std::pair<const char *, const char *>>{
            {"--lframe=0", "1...8000"}, {"--lframe=8001", "1...8000"}, {"--order=-1", "0...255"},
-           {"--order=256", "0...255"}, {"--alpha=0.995", "-0.99...0.99"}, {"--alpha=-1", "-0.99...0.99"},
-           {"--alpha=nan", "-0.99...0.99"}, {"--method=5", "0...4"}, {"--method=-1", "0...4"},
-           {"--f0min=19.9", "20...1000"}, {"--f0min=1001", "20...1000"}, {"--f0max=39", "40...2000"},
-           {"--f0max=2000.5", "40...2000"}, {"--refine=2", "0...1"}, {"--pitch=2", "0...1"}, {"--htsscale=-1", "0...1"},
-           {"--htsscale=2", "0...1"}, {"--order=4294967297", "0...255"}, {"--lframe=4294967376", "1...8000"},
-           {"--method=4294967296", "0...4"}, {"--refine=-4294967295", "0...1"}})  // not wrapped to 32 bits
+           {"--order=256", "0...255"}, {"--alpha=0.995", "-0.99...0.99"}, {"--alpha=nan", "-0.99...0.99"},
+           {"--method=5", "0...4"}, {"--f0min=19.9", "20...1000"}, {"--f0max=2000.5", "40...2000"},
+           {"--refine=2", "0...1"}, {"--pitch=2", "0...1"}, {"--htsscale=-1", "0...1"},
+           {"--order=4294967297", "0...255"}, {"--refine=-4294967295", "0...1"}})  // not wrapped to 32 bits
     rows.push_back({W + o.first, "Error: " + std::string(o.first) + " is out of range [" + o.second + "].\n"});
   for (const auto &row : rows) check(row.first, row.second, 255);
   EXPECT_EQ(list(), std::set<std::string>{"in.wav"});
 }
 
 TEST_F(KestrelanaCli, OptionsAtTheirLimitsAreAccepted) {
-  writewav16k(at("@/in.wav"), harmonicsignal(150.0, 16000.0, 0.6, 0.5));
-  const struct {
-    const char *opts;
-    uint32_t shift, order;
-  } rows[] = {{"", 80, 59}, {"--refine=1", 80, 59}, {"--pitch=0", 80, 59}, {"--order=0", 80, 0},
-              {"--ORDER=255", 80, 255}, {"--lframe=8000", 8000, 59}, {"--lframe=7", 7, 59}, {"--alpha=0.99", 80, 59},
-              {"--alpha=-0.99 --method=4", 80, 59}, {"--f0min=20 --f0max=2000 --refine=1", 80, 59},
-              {"--htsscale=0 --method=3", 80, 59}, {"--f0min=999 --f0max=1000 --method=2", 80, 59},
-              {"--method=1 --order=24", 80, 24}};
+  writewav16k(at("@/in.wav"), harmonicsignal(150.0, 16000.0, 0.6));
+  const struct { const char *opts; uint32_t shift, order; } rows[] = {
+      {"", 80, 59}, {"--refine=1 --pitch=0", 80, 59}, {"--ORDER=255 --alpha=0.99", 80, 255}, {"--lframe=8000", 8000, 59},
+      {"--alpha=-0.99 --method=4 --order=0", 80, 0}, {"--f0min=20 --f0max=2000 --refine=1", 80, 59},
+      {"--htsscale=0 --method=3", 80, 59}, {"--f0min=999 --f0max=1000 --method=2", 80, 59}, {"--method=1 --order=24", 80, 24}};
   for (const auto &c : rows) {
     check(std::string("@/in.wav @/o.lf0 @/o.cc @/o.fv ") + c.opts, "");
     const uint32_t nframes = expectedframes(9600, c.shift);
-    EXPECT_EQ(floats("@/o.lf0").size(), nframes) << c.opts;
-    const std::vector<float> cc = floats("@/o.cc");
-    EXPECT_EQ(cc.size(), size_t(nframes) * (c.order + 1)) << c.opts;
+    const std::vector<float> lf0 = floats("@/o.lf0"), cc = floats("@/o.cc");
+    EXPECT_TRUE(lf0.size() == nframes && cc.size() == size_t(nframes) * (c.order + 1)) << c.opts;
     EXPECT_TRUE(std::all_of(cc.begin(), cc.end(), [](float v) { return std::isfinite(v); })) << c.opts;
     if (c.shift != 80 || std::string(c.opts).find("f0") != std::string::npos) continue;
     // The signal's pitch, voiced nearly throughout, with a maximum voiced frequency well above f0.
-    const std::vector<float> lf0 = floats("@/o.lf0");
     EXPECT_GT(std::count_if(lf0.begin(), lf0.end(), [](float v) { return v > -1e10f; }), long(nframes * 9 / 10));
     EXPECT_NEAR(voicedmedian(lf0), 150.0, 1.5) << c.opts;
     EXPECT_GE(voicedmedian(lf0, floats("@/o.fv")), 1000.0) << c.opts;
   }
 }
 
-TEST_F(KestrelanaCli, CopySynthesisOfARecordingKeepsLengthAlignmentAndLevel) {
+TEST_F(KestrelanaCli, CopySynthesisKeepsLengthAlignmentAndLevel) {
   const std::vector<double> x = readwav(kRecording);
   check(kRecording + " @/r.lf0 @/r.cc @/r.fv", "");
   const uint32_t nframes = expectedframes(x.size(), 80);
   const std::vector<float> lf0 = floats("@/r.lf0"), fv = floats("@/r.fv");
-  ASSERT_EQ(lf0.size(), nframes);
-  ASSERT_EQ(floats("@/r.cc").size(), 60u * nframes);
-  ASSERT_EQ(fv.size(), nframes);
+  ASSERT_TRUE(lf0.size() == nframes && fv.size() == nframes && floats("@/r.cc").size() == 60u * nframes);
   const auto voiced = size_t(std::count_if(lf0.begin(), lf0.end(), [](float v) { return v > -1e10f; }));
-  EXPECT_GT(voiced, nframes / 5);
-  EXPECT_LT(voiced, nframes * 9 / 10);
+  EXPECT_TRUE(voiced > nframes / 5 && voiced < nframes * 9 / 10) << voiced;
   for (float v : lf0) EXPECT_TRUE(v == -1e10f || (v >= std::log(60.0) - 1e-3 && v <= std::log(500.0) + 1e-3)) << v;
   EXPECT_TRUE(std::all_of(fv.begin(), fv.end(), [](float v) { return v >= 0.0f && v <= 8000.0f; }));
   EXPECT_NEAR(voicedmedian(lf0), 200.0, 60.0);  // a female speaker
-
   syn("@/r.lf0 @/r.cc @/r.fv @/r.wav");
   const std::vector<double> y = samples("@/r.wav");
   ASSERT_EQ(y.size(), (nframes + 1u) * 80u + 1u);
-  EXPECT_LT(std::fabs(20.0 * std::log10(rms(y) / rms(x))), 3.0);
+  EXPECT_LT(std::fabs(rmsdb(y) - rmsdb(x)), 3.0);
   EXPECT_LE(std::abs(envelopelag(x, y)), 80);  // within one frame
-
-  // HTS scaling: c0 + 5 and the rest doubled (kestrelsyn's default undoes it, tested there).
-  check(kRecording + " @/p.lf0 @/p.cc --htsscale=0", "");
-  const std::vector<float> scaled = floats("@/r.cc"), plain = floats("@/p.cc");
-  ASSERT_EQ(scaled.size(), plain.size());
-  EXPECT_EQ(floats("@/p.lf0"), lf0);
-  for (size_t i = 0; i < plain.size(); ++i)  // doubling is exact in float
-    ASSERT_TRUE(i % 60 ? scaled[i] == 2.0f * plain[i]
-                       : std::fabs(scaled[i] - (plain[i] + 5.0f)) <= 1e-5 * (1.0 + std::fabs(plain[i]))) << i;
-}
-
-TEST_F(KestrelanaCli, FrameGridFollowsLframeAndResynthesisLength) {
   // Around the frame boundaries of shift 100: (21 + 1) 100 + 1 samples is 21 frames.
-  for (const auto &c : std::vector<std::pair<uint32_t, uint32_t>>{{2201, 21}, {2202, 22}, {2300, 22}, {2199, 21}}) {
-    writewav16k(at("@/in.wav"), harmonicsignal(200.0, 16000.0, c.first / 16000.0, 0.5));
-    ASSERT_EQ(samples("@/in.wav").size(), c.first);
+  for (const auto &c : std::vector<std::pair<uint32_t, uint32_t>>{{2201, 21}, {2202, 22}, {2199, 21}}) {
+    writewav16k(at("@/in.wav"), harmonicsignal(200.0, 16000.0, c.first / 16000.0));
     check("@/in.wav @/o.lf0 @/o.cc --lframe=100 --order=24", "");
-    EXPECT_EQ(floats("@/o.lf0").size(), c.second) << c.first;
-    EXPECT_EQ(floats("@/o.cc").size(), 25u * c.second) << c.first;
-    EXPECT_EQ(expectedframes(c.first, 100), c.second);
+    EXPECT_TRUE(floats("@/o.lf0").size() == c.second && floats("@/o.cc").size() == 25u * c.second) << c.first;
     syn("@/o.lf0 @/o.cc @/o.wav --lframe=100");
     EXPECT_EQ(samples("@/o.wav").size(), (c.second + 1) * 100 + 1);
   }
@@ -234,12 +193,10 @@ TEST_F(KestrelanaCli, OtherFormatsAreResampledAndMixedDown) {
     double leveltol;
   } rows[] = {{"ref", {16000, 1, Sample::Pcm16}, 1.0, 0.0, 0.0},  // read exactly: the reference
               {"44k1_stereo_left_only", {44100, 2, Sample::Pcm16}, 1.0, 0.0, 0.5},
-              {"22k05_stereo_both", {22050, 2, Sample::Pcm16}, 1.0, 1.0, 0.5},
               {"48k_mono_24bit", {48000, 1, Sample::Pcm24}, 1.0, 0.0, 0.5},
               {"8k_mono_float", {8000, 1, Sample::Float32}, 1.0, 0.0, 1.0},
-              {"16k_mono_float", {16000, 1, Sample::Float32}, 1.0, 0.0, 0.5},
               {"16k_3ch_24bit", {16000, 3, Sample::Pcm24}, 0.5, 0.25, 0.5}};
-  double refrms = 0.0, refhz = 0.0;
+  double refdb = 0.0, refhz = 0.0;
   size_t nref = 0;
   for (const auto &c : rows) {
     std::vector<double> inter;
@@ -251,14 +208,12 @@ TEST_F(KestrelanaCli, OtherFormatsAreResampledAndMixedDown) {
     syn(base + ".lf0 " + base + ".cc " + base + ".out.wav");
     const std::vector<float> lf0 = floats(base + ".lf0");
     const std::vector<double> y = samples(base + ".out.wav");
-    if (!nref) refrms = rms(y), refhz = voicedmedian(lf0), nref = lf0.size();
+    if (!nref) refdb = rmsdb(y), refhz = voicedmedian(lf0), nref = lf0.size();
     EXPECT_LE(std::abs(long(lf0.size()) - long(nref)), 1) << c.name;
-    ASSERT_EQ(floats(base + ".cc").size(), lf0.size() * 60) << c.name;
     EXPECT_NEAR(voicedmedian(lf0), refhz, refhz * 0.005) << c.name;
     const double mixgain = (c.left + (c.layout.channels > 1 ? c.right : 0.0)) / c.layout.channels;
-    EXPECT_NEAR(20.0 * std::log10(rms(y) / refrms), 20.0 * std::log10(mixgain), c.leveltol) << c.name;
-    EXPECT_GE(y.size() + 1, x.size()) << c.name;
-    EXPECT_LE(y.size(), x.size() + 80) << c.name;
+    EXPECT_NEAR(rmsdb(y) - refdb, 20.0 * std::log10(mixgain), c.leveltol) << c.name;
+    EXPECT_TRUE(y.size() + 1 >= x.size() && y.size() <= x.size() + 80) << c.name;
     // The sharp, irregular edges land where they were, within half a frame.
     EXPECT_LE(std::abs(envelopelag(x, y)), 40) << c.name;
   }
@@ -268,131 +223,103 @@ TEST_F(KestrelanaCli, OtherFormatsAreResampledAndMixedDown) {
   writewav(at("@/list.wav"), list, x);
   ASSERT_EQ(samples("@/list.wav").size(), 0u);  // the exact reader refuses it
   check("@/list.wav @/list.lf0 @/list.cc", "");
-  EXPECT_EQ(floats("@/list.lf0"), floats("@/ref.lf0"));
   EXPECT_EQ(floats("@/list.cc"), floats("@/ref.cc"));
 }
 
-TEST_F(KestrelanaCli, BatchGoesOnPastAMissingFile) {
-  writewav16k(at("@/utt001.wav"), harmonicsignal(120.0, 16000.0, 0.5, 0.5));
-  writewav16k(at("@/utt003.wav"), harmonicsignal(240.0, 16000.0, 0.7, 0.5));
-  check("@/utt???.wav @/utt???.lf0 @/utt???.cc @/utt???.fv --indlist=1-3",
-        "@/utt001.cc\n@/utt002.cc\nError: could not open @/utt002.wav.\n@/utt003.cc\n");
-  EXPECT_EQ(list(), (std::set<std::string>{"utt001.wav", "utt001.lf0", "utt001.cc", "utt001.fv", "utt003.wav",
-                                           "utt003.lf0", "utt003.cc", "utt003.fv"}));
-  EXPECT_NEAR(voicedmedian(floats("@/utt001.lf0")), 120.0, 2.0);
-  EXPECT_NEAR(voicedmedian(floats("@/utt003.lf0")), 240.0, 3.0);
-  // A placeholder too narrow for the index skips it instead of analysing the previous index's file again.
-  writewav16k(at("@/n9.wav"), harmonicsignal(150.0, 16000.0, 0.3, 0.5));
-  writewav16k(at("@/n10.wav"), harmonicsignal(150.0, 16000.0, 0.3, 0.5));
-  check("@/n?.wav @/n?.lf0 @/n?.cc --indlist=9-10",
-        "@/n9.cc\n@/n9.cc\nError: index 10 does not fit the file-name placeholder of @/n9.wav.\n");
-}
-
-// Every bad input ends its utterance with one "Error: " line, leaves nothing
-// behind, and does not change the exit status.
+// Every bad input ends its utterance with one "Error: " line and leaves
+// nothing behind; an index list goes on past it.
 TEST_F(KestrelanaCli, BadInputsEndTheUtteranceCleanly) {
   fs::create_directories(at("@/in/dir.wav"));
   fs::create_directories(at("@/out"));
   writebytes(at("@/in/empty.wav"), {});
   std::ofstream(at("@/in/text.wav")) << "This is not audio at all, just some words.\n";
-  writewav(at("@/in/zero16k.wav"), WavLayout{}, {});
   writewav(at("@/in/zero44k.wav"), WavLayout{44100, 2}, {});
+  std::vector<double> quiet(16000, 0.0);
+  quiet[100] = 1.0 / 32768;  // one 16-bit step: not silent
   writewav16k(at("@/in/silent16k.wav"), std::vector<double>(16000, 0.0));
-  writewav(at("@/in/silent44k.wav"), WavLayout{44100, 2}, std::vector<double>(88200, 0.0));
-  writewav16k(at("@/in/short.wav"), harmonicsignal(150.0, 16000.0, 80 / 16000.0, 0.5));
+  writewav16k(at("@/in/onestep.wav"), quiet);
+  writewav16k(at("@/in/short.wav"), harmonicsignal(150.0, 16000.0, 80 / 16000.0));
   WavLayout sparse;
-  sparse.claimedframes = (uint64_t{1} << 28) + 1;  // one sample over the limit
-  writewav(at("@/in/long16k.wav"), sparse, std::vector<double>(1000, 0.1));
   sparse.rate = 8000;
   sparse.claimedframes = (uint64_t{1} << 27) + 1;  // 2^28 + 2 samples once resampled
   writewav(at("@/in/long8k.wav"), sparse, std::vector<double>(1000, 0.1));
-  std::vector<double> nanwave = harmonicsignal(150.0, 16000.0, 0.3, 0.5);
+  std::vector<double> nanwave = harmonicsignal(150.0, 16000.0, 0.3);
   nanwave[1000] = std::nan("");
   writewav(at("@/in/nan.wav"), WavLayout{16000, 1, Sample::Float32}, nanwave);
   const std::pair<const char *, const char *> rows[] = {
-      {"missing.wav", "Error: could not open @/in/missing.wav."},
-      {"empty.wav", "Error: @/in/empty.wav is empty."},
-      {"text.wav", "Error: @/in/text.wav is not an audio file that can be read ("},
-      {"zero16k.wav", "Error: @/in/zero16k.wav holds no samples."},
-      {"zero44k.wav", "Error: @/in/zero44k.wav holds no samples."},
-      {"silent16k.wav", "Error: @/in/silent16k.wav is silent (no sample reaches one 16-bit step)."},
-      {"silent44k.wav", "Error: @/in/silent44k.wav is silent (no sample reaches one 16-bit step)."},
-      {"short.wav", "Error: @/in/short.wav is too short (80 samples at 16 kHz; one frame needs 81)."},
-      {"dir.wav", "Error: could not open @/in/dir.wav (not a regular file)."},
-      {"long16k.wav", "Error: @/in/long16k.wav is too long ("},
-      {"long8k.wav", "Error: @/in/long8k.wav is too long ("},
-      {"nan.wav", "Error: @/in/nan.wav holds samples that are not finite numbers."}};
+      {"missing.wav", "Error: could not open @/in/missing.wav.\n"}, {"empty.wav", "Error: @/in/empty.wav is empty.\n"},
+      {"text.wav", "Error: @/in/text.wav is not an audio file that can be read (Format not recognised).\n"},
+      {"zero44k.wav", "Error: @/in/zero44k.wav holds no samples.\n"},
+      {"silent16k.wav", "Error: @/in/silent16k.wav is silent (no sample reaches one 16-bit step).\n"},
+      {"short.wav", "Error: @/in/short.wav is too short (80 samples at 16 kHz; one frame needs 81).\n"},
+      {"dir.wav", "Error: could not open @/in/dir.wav (not a regular file).\n"},
+      {"long8k.wav", "Error: @/in/long8k.wav is too long (268435458 samples at 16 kHz; the limit is 268435456).\n"},
+      {"nan.wav", "Error: @/in/nan.wav holds samples that are not finite numbers.\n"}, {"onestep.wav", ""}};
   for (const auto &row : rows) {
-    const Result r =
-        run(KESTRELANA_PATH, args("@/in/" + std::string(row.first) + " @/out/o.lf0 @/out/o.cc @/out/o.fv"));
-    EXPECT_EQ(r.status, 0) << row.first;
-    EXPECT_EQ(r.out.rfind(at(row.second), 0), 0u) << r.out;
-    EXPECT_EQ(r.out.substr(r.out.size() - std::min<size_t>(r.out.size(), 2)), ".\n") << r.out;
-    EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 1) << r.out;
-    EXPECT_EQ(r.out.find(".)."), std::string::npos) << r.out;
-    EXPECT_TRUE(list("/out").empty()) << row.first;
+    check("@/in/" + std::string(row.first) + " @/out/o.lf0 @/out/o.cc @/out/o.fv", row.second);
+    EXPECT_EQ(list("/out").size(), *row.second ? 0u : 3u) << row.first;
   }
+  writewav16k(at("@/utt001.wav"), harmonicsignal(120.0, 16000.0, 0.5));
+  writewav16k(at("@/utt3.wav"), harmonicsignal(120.0, 16000.0, 0.5));
+  check("@/utt???.wav @/utt???.lf0 @/utt???.cc --indlist=1-2",
+        "@/utt001.cc\n@/utt002.cc\nError: could not open @/utt002.wav.\n");
+  check("@/utt?.wav @/u?.lf0 @/u?.cc --indlist=3,10",
+        "@/u3.cc\n@/u3.cc\nError: index 10 does not fit the file-name placeholder of @/utt3.wav.\n");
+  EXPECT_EQ(floats("@/utt001.lf0"), floats("@/u3.lf0"));
 }
 
-TEST_F(KestrelanaCli, ClippingWarnsAboveOneInAThousandSamples) {
+TEST_F(KestrelanaCli, ClippingAndCutShortFilesWarn) {
   // 16000 samples below full scale, then exactly k of them on the rails.
   for (int k : {16, 17}) {
-    std::vector<double> x = harmonicsignal(150.0, 16000.0, 1.0, 0.5);
-    for (int i = 0; i < k; ++i) x[4000 + 500 * i] = (i % 2) ? -1.0 : 1.0;
+    std::vector<double> x = harmonicsignal(150.0, 16000.0, 1.0);
+    for (int i = 0; i < k; ++i) x[4000 + 500 * i] = (i % 2) ? -1.0 : 32767 / 32768.0;
     writewav16k(at("@/c.wav"), x);
-    check("@/c.wav @/c.lf0 @/c.cc",
-          k == 16 ? "" : "Warning: @/c.wav is clipped (0.11 % of its samples at full scale).\n");
+    check("@/c.wav @/c.lf0 @/c.cc", k == 16 ? "" : "Warning: @/c.wav is clipped (0.11 % of its samples at full scale).\n");
     EXPECT_EQ(floats("@/c.lf0").size(), expectedframes(16000, 80));  // analysed all the same
   }
   // Stereo: the rails are counted over both channels before the mixdown.
-  std::vector<double> s = harmonicsignal(150.0, 44100.0, 1.0, 0.5), inter;
+  std::vector<double> s = harmonicsignal(150.0, 44100.0, 1.0), inter;
   for (size_t i = 0; i < s.size(); ++i) inter.insert(inter.end(), {i % 200 == 0 ? 1.0 : s[i], s[i]});
   writewav(at("@/st.wav"), WavLayout{44100, 2}, inter);
   check("@/st.wav @/c.lf0 @/c.cc", "Warning: @/st.wav is clipped (0.25 % of its samples at full scale).\n");
   // A file cut short of what its header announces is analysed as far as it goes.
-  Bytes cut = wavbytes(WavLayout{}, harmonicsignal(150.0, 16000.0, 0.5, 0.5));
+  Bytes cut = wavbytes(WavLayout{}, harmonicsignal(150.0, 16000.0, 0.5));
   cut.resize(cut.size() - 1001);
   writebytes(at("@/cut.wav"), cut);
   check("@/cut.wav @/c.lf0 @/c.cc",
         "Warning: @/cut.wav is cut short (its header announces 1001 more bytes of samples than it holds).\n");
-  EXPECT_EQ(floats("@/c.lf0").size(), expectedframes((8000 * 2 - 1001) / 2, 80));
+  EXPECT_EQ(floats("@/c.lf0").size(), expectedframes((16000 - 1001) / 2, 80));
 }
 
 // Failing outputs, outputs naming the input or one another: one error line,
 // and the recording, the older results and the directories stay as they were.
 TEST_F(KestrelanaCli, OutputProblemsLeaveEveryFileAsItWas) {
-  writewav16k(at("@/in.wav"), harmonicsignal(150.0, 16000.0, 0.5, 0.5));
+  writewav16k(at("@/in.wav"), harmonicsignal(150.0, 16000.0, 0.5));
   const Bytes wav = bytes("@/in.wav");
   fs::create_directories(at("@/good"));
   fs::create_directories(at("@/isdir"));
+  fs::create_symlink(at("@/in.wav"), at("@/link"));
   const std::string W = "@/in.wav ", G = "@/in.wav @/good/o.lf0 ";
   const std::pair<std::string, const char *> rows[] = {
       {W + "@/nodir/o.lf0 @/good/o.cc @/good/o.fv", "Error: could not create @/nodir/o.lf0.\n"},
-      {G + "@/nodir/o.cc @/good/o.fv", "Error: could not create @/nodir/o.cc.\n"},
       {G + "@/good/o.cc @/nodir/o.fv", "Error: could not create @/nodir/o.fv.\n"},
       {G + "@/in.wav/o.cc", "Error: could not create @/in.wav/o.cc.\n"},  // a file where a directory should be
       {G + "@/good/o.cc @/isdir", "Error: could not create @/isdir (it is a directory).\n"},
       {W + "@/in.wav @/good/o.cc", "Error: @/in.wav is both the input and an output.\n"},
-      {G + "@/./in.wav", "Error: @/./in.wav is both the input and an output.\n"},
+      {G + "@/link", "Error: @/link is both the input and an output.\n"},
       {G + "@/good/o.cc @/good/o.lf0", "Error: @/good/o.lf0 is given for two outputs.\n"}};
   for (const auto &row : rows) {
     std::ofstream(at("@/good/o.lf0")) << "old";
     check(row.first, row.second);
     EXPECT_EQ(bytes("@/in.wav"), wav);
     EXPECT_EQ(bytes("@/good/o.lf0"), (Bytes{'o', 'l', 'd'})) << row.first;
-    EXPECT_EQ(list(), (std::set<std::string>{"in.wav", "good", "isdir"})) << row.first;
+    EXPECT_EQ(list(), (std::set<std::string>{"in.wav", "good", "isdir", "link"})) << row.first;
     EXPECT_EQ(list("/good").size() + list("/isdir").size(), 1u) << row.first;
   }
   // A device is written directly, and may stand for more than one output.
-  // A temporary a killed run left beside an output is removed.
-  std::ofstream(at("@/o.cc.kestrel-tmp0")) << "stale";
   check(W + "/dev/null @/o.cc /dev/null", "");
-  EXPECT_FALSE(fs::exists(at("@/o.cc.kestrel-tmp0")));
   EXPECT_EQ(floats("@/o.cc").size(), 60u * expectedframes(8000, 80));
   EXPECT_TRUE(fs::is_character_file("/dev/null"));
-  // Outputs get the permissions of any file the user creates.
-  std::ofstream(at("@/ref")) << "x";
-  EXPECT_EQ(fs::status(at("@/o.cc")).permissions(), fs::status(at("@/ref")).permissions());
 }
 
 }  // namespace

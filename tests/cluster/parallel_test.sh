@@ -9,13 +9,10 @@ command -v parallel > /dev/null || fail "GNU parallel is not installed (Debian p
 work=$(mktemp -d "$scratch_parent/kestrel-parallel.XXXXXX") || fail "cannot create a scratch directory in $scratch_parent"
 trap 'rm -rf "$work"' EXIT
 make_corpus "$work"
-run_unsharded "$work"
-
 KESTRELANA=$ana KESTRELSYN=$syn "$src/examples/cluster/parallel.sh" $n_shards \
   "$work/wav.scp" "$work/shards/feat" "$work/shards/wav" < /dev/null > "$work/parallel.log" 2>&1
 rc=$?
 [ $rc -eq 1 ] || { cat "$work/parallel.log"; fail "parallel.sh exited $rc, expected 1"; }
-
 for log in feat/ana.joblog wav/syn.joblog; do
   for k in $(seq $n_shards); do
     got=$(awk -F'\t' -v s="--shard=$k/$n_shards" 'NR > 1 && index($9, s) { print $7 }' "$work/shards/$log")

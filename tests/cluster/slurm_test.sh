@@ -20,23 +20,16 @@ chmod 755 "$work"   # munged wants its socket reachable by every user
 export SLURM_CONF=$work/slurm.conf
 pids=()
 
-# Cancels the jobs, stops the daemons (TERM, then KILL after 10 s) and whatever
-# still runs with this cluster's configuration (job scripts, step daemons), then
-# removes it all.
+# Cancels the jobs (the cluster is private: every job in it is this test's),
+# stops the daemons (TERM, then KILL after 10 s) and whatever still runs with
+# this cluster's configuration (job scripts, step daemons), then removes it all.
 cleanup() {
-  local p i mine
+  local p i
   trap - EXIT INT TERM
-  # The cluster is private: every job in it is this test's.
-  if kill -0 "${pids[1]-}" 2> /dev/null && timeout 5 scancel --user="$(id -un)" 2> /dev/null; then
-    for i in $(seq 50); do [ -z "$(timeout 2 squeue -h -t RUNNING,COMPLETING 2> /dev/null)" ] && break; sleep 0.1; done
-  fi
+  kill -0 "${pids[1]-}" 2> /dev/null && timeout 5 scancel --user="$(id -un)" 2> /dev/null && sleep 1
   for p in "${pids[@]}"; do kill -TERM "$p" 2> /dev/null; done
-  for i in $(seq 100); do
-    mine=0; for p in "${pids[@]}"; do kill -0 "$p" 2> /dev/null && mine=1; done
-    [ $mine = 0 ] && break; sleep 0.1
-  done
-  for p in "${pids[@]}"; do kill -KILL "$p" 2> /dev/null; done
-  for p in $(grep -lszFx "SLURM_CONF=$SLURM_CONF" /proc/[0-9]*/environ | cut -d/ -f3); do
+  for i in $(seq 100); do ps -p "$(IFS=,; echo "${pids[*]}")" > /dev/null || break; sleep 0.1; done
+  for p in "${pids[@]}" $(grep -lszFx "SLURM_CONF=$SLURM_CONF" /proc/[0-9]*/environ | cut -d/ -f3); do
     [ "$p" != $$ ] && kill -KILL "$p" 2> /dev/null
   done
   wait 2> /dev/null
@@ -48,21 +41,17 @@ trap 'exit 1' INT TERM
 logs() { local f; for f in "$@"; do echo "--- $f"; tail -n 20 "$work/$f" 2> /dev/null; done; }
 # wait_for SECONDS PID 'LOGS' 'CHECK': runs the shell command CHECK (with $1 =
 # the node name) until it succeeds, each try bounded to 5 s; skips the test
-# when daemon PID has exited (showing LOGS) and returns 1 after SECONDS.
+# when daemon PID has exited (showing LOGS) and fails after SECONDS.
 wait_for() {
   local end=$((SECONDS + $1)) pid=$2 files=$3 check=$4
   until timeout 5 bash -c "$check" bash "$node" > /dev/null 2>&1; do
     kill -0 "$pid" 2> /dev/null || { logs $files; skip "${files%%.*} cannot start in this environment (log above)"; }
-    [ $SECONDS -lt $end ] || return 1
+    [ $SECONDS -lt $end ] || { logs $files; fail "${files%%.*} not ready within $1 s"; }
     sleep 0.2
   done
 }
 
-# --- the corpus and its unsharded run -------------------------------------------
 make_corpus "$work"
-run_unsharded "$work"
-
-# --- a private cluster: node named after this host, ports free on 127.0.0.1 -----
 node=$(hostname -s 2> /dev/null); [[ $node =~ ^[A-Za-z0-9][A-Za-z0-9-]*$ ]] || node=localhost
 cpus=$(nproc); [ "$cpus" -gt 2 ] && cpus=2
 read -r ctld_port slurmd_port < <(python3 -c '
@@ -71,16 +60,12 @@ ss = [socket.socket() for _ in range(2)]
 for s in ss: s.bind(("127.0.0.1", 0))
 print(*(s.getsockname()[1] for s in ss))')
 
-# --- MUNGE, on its own key and socket ------------------------------------------
+# MUNGE on its own key and socket, then Slurm.
 head -c 1024 /dev/urandom > "$work/munge.key"; chmod 600 "$work/munge.key"
-munged --foreground --socket="$work/munge.socket" --key-file="$work/munge.key" \
-  --pid-file="$work/munged.pid" --log-file="$work/munged.log" --seed-file="$work/munged.seed" \
-  > "$work/munged.out" 2>&1 &
+munged --foreground --socket="$work/munge.socket" --key-file="$work/munge.key" --pid-file="$work/munged.pid" \
+  --log-file="$work/munged.log" --seed-file="$work/munged.seed" > "$work/munged.out" 2>&1 &
 pids+=($!)
-wait_for 10 $! "munged.out munged.log" "munge -n -S '$work/munge.socket' | unmunge -S '$work/munge.socket'" \
-  || { logs munged.out munged.log; skip "munged gives no credentials within 10 s in this environment"; }
-
-# --- Slurm ---------------------------------------------------------------------
+wait_for 10 $! "munged.out munged.log" "munge -n -S '$work/munge.socket' | unmunge -S '$work/munge.socket'"
 mkdir -p "$work/state" "$work/spool" "$work/jobs"
 : > "$work/plugstack.conf"
 cat > "$SLURM_CONF" <<CONF
@@ -89,9 +74,7 @@ SlurmctldHost=$node(127.0.0.1)
 SlurmctldPort=$ctld_port
 SlurmdPort=$slurmd_port
 SlurmUser=root
-SlurmdUser=root
 AuthType=auth/munge
-CredType=cred/munge
 AuthInfo=socket=$work/munge.socket
 StateSaveLocation=$work/state
 SlurmdSpoolDir=$work/spool
@@ -104,29 +87,18 @@ ProctrackType=proctrack/linuxproc
 TaskPlugin=task/none
 SelectType=select/cons_tres
 SelectTypeParameters=CR_CPU
-SchedulerType=sched/builtin
-AccountingStorageType=accounting_storage/none
-JobAcctGatherType=jobacct_gather/none
-JobCompType=jobcomp/none
-MpiDefault=none
-SwitchType=switch/none
 ReturnToService=2
 MinJobAge=600
 NodeName=$node NodeAddr=127.0.0.1 NodeHostname=$node CPUs=$cpus State=UNKNOWN
 PartitionName=debug Nodes=$node Default=YES MaxTime=INFINITE State=UP
 CONF
-
 slurmctld -D -i > "$work/slurmctld.out" 2>&1 &
 pids+=($!)
-wait_for 30 $! "slurmctld.out slurmctld.log" "scontrol ping | grep -q 'is UP'" \
-  || { logs slurmctld.log; fail "slurmctld does not answer within 30 s"; }
-
+wait_for 30 $! "slurmctld.out slurmctld.log" "scontrol ping | grep -q 'is UP'"
 slurmd -D -N "$node" > "$work/slurmd.out" 2>&1 &
 pids+=($!)
-wait_for 60 $! "slurmd.out slurmd.log" '[ "$(sinfo -h -N -n "$1" -o %t)" = idle ]' \
-  || { timeout 5 sinfo -N -l; logs slurmd.log slurmctld.log; fail "node $node is not idle within 60 s"; }
+wait_for 60 $! "slurmd.out slurmd.log" '[ "$(sinfo -h -N -n "$1" -o %t)" = idle ]'
 
-# --- the array ------------------------------------------------------------------
 # sbatch --wait returns the highest exit code of the array's tasks. It runs in
 # the background so that a signal reaches the cleanup at once.
 (cd "$work/jobs" && KESTRELANA=$ana KESTRELSYN=$syn exec timeout 180 \
@@ -135,15 +107,13 @@ wait_for 60 $! "slurmd.out slurmd.log" '[ "$(sinfo -h -N -n "$1" -o %t)" = idle 
   > "$work/sbatch.out" 2> "$work/sbatch.err") &
 wait $!
 rc=$?
-jobid=$(cut -d';' -f1 "$work/sbatch.out")
 if [ $rc -ne 1 ]; then
-  cat "$work/sbatch.err"; timeout 5 squeue; cat "$work"/jobs/task-*.out 2> /dev/null; logs slurmctld.log slurmd.log
-  [ $rc -eq 124 ] && fail "the array did not finish within 180 s"
-  fail "sbatch --wait exited $rc, expected 1"
+  cat "$work/sbatch.err" "$work"/jobs/task-*.out 2> /dev/null; logs slurmctld.log slurmd.log
+  fail "sbatch --wait exited $rc, expected 1 (124: the array did not finish within 180 s)"
 fi
-
 for k in $(seq $n_shards); do
-  got=$(timeout 10 scontrol -o show job "$jobid" | grep -E "(^| )ArrayTaskId=$k( |$)" | grep -oE ' ExitCode=[0-9]+:[0-9]+' | cut -d= -f2)
+  got=$(timeout 10 scontrol -o show job "$(cut -d';' -f1 "$work/sbatch.out")" | grep -E "(^| )ArrayTaskId=$k( |$)" |
+        grep -oE ' ExitCode=[0-9]+:[0-9]+' | cut -d= -f2)
   [ "$got" = "$(expected_status "$k"):0" ] || fail "array task $k ended with ExitCode '$got', expected $(expected_status "$k"):0"
 done
 check_outputs "$work/ref/feat" "$work/shards/feat" $((3 * n_utts)) ana

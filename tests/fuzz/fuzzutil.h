@@ -47,23 +47,20 @@ class Bytes {
   Bytes(const uint8_t *data, size_t size) : p_(data), n_(size) {}
   template <class T>
   T take() {
-    T v{};
+    const Bytes b = split(sizeof(T));
     unsigned char raw[sizeof(T)] = {};
-    const size_t k = n_ < sizeof(T) ? n_ : sizeof(T);
-    std::memcpy(raw, p_, k);
+    if (b.n_) std::memcpy(raw, b.p_, b.n_);
+    T v;
     std::memcpy(&v, raw, sizeof(T));
-    p_ += k;
-    n_ -= k;
     return v;
   }
   const uint8_t *rest() const { return p_; }
   size_t left() const { return n_; }
   // Splits off the next count bytes (fewer at the end).
   Bytes split(size_t count) {
-    if (count > n_) count = n_;
-    Bytes b(p_, count);
-    p_ += count;
-    n_ -= count;
+    const Bytes b(p_, count < n_ ? count : n_);
+    p_ += b.n_;
+    n_ -= b.n_;
     return b;
   }
 

@@ -2,6 +2,7 @@
 // harness walks at most kMaxIndices indices of a list: a well-formed list
 // of forty million entries is valid and only slow, not a finding.
 #include <cstdlib>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,16 +16,9 @@ constexpr uint64_t kMaxIndices = 2000;
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   // Arguments are separated by newlines; at most 16 of them.
   std::vector<std::string> store;
-  std::string cur;
-  for (size_t i = 0; i < size && store.size() < 16; ++i) {
-    if (data[i] == '\n') {
-      store.push_back(cur);
-      cur.clear();
-    } else {
-      cur.push_back(static_cast<char>(data[i]));
-    }
-  }
-  if (store.size() < 16) store.push_back(cur);
+  std::istringstream text(std::string(reinterpret_cast<const char *>(data), size));
+  for (std::string a; store.size() < 16 && std::getline(text, a);) store.push_back(a);
+  if (store.empty() || (size > 0 && data[size - 1] == '\n' && store.size() < 16)) store.push_back("");
   std::vector<char *> args;
   for (auto &s : store) args.push_back(&s[0]);  // each string is NUL-terminated
   const uint32_t n = static_cast<uint32_t>(args.size());

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cmath>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -19,10 +18,9 @@
 
 namespace {
 
-using kestreltest::Bytes;
-using kestreltest::readbytes;
-using kestreltest::writebytes;
-using FeatureFileTest = kestreltest::ScratchDirTest;
+using namespace kestreltest;
+using FeatureFileTest = ScratchDirTest;
+namespace fs = std::filesystem;
 
 const std::vector<float> kValues = {0.0f, -1e10f, 0.1f, 4.787491742782046f, -3.5f, 1e-40f /* subnormal */,
                                     HUGE_VALF, -0.0f};
@@ -37,51 +35,41 @@ TEST_F(FeatureFileTest, ReadWidensEveryValueAndRefusesUnusableFiles) {
   b.insert(b.end(), {0xAB, 0xCD});  // a trailing partial value is ignored
   writebytes(path("v.f"), b);
   double *x = nullptr;
+  float *f = nullptr;
   ASSERT_EQ(fdoubleread(path("v.f").c_str(), &x), kValues.size());
+  ASSERT_EQ(ffloatread(path("v.f").c_str(), &f), kValues.size());
   for (size_t i = 0; i < kValues.size(); ++i) EXPECT_EQ(x[i], static_cast<double>(kValues[i])) << i;
   EXPECT_TRUE(std::signbit(x[7]));
-  std::free(x);
-  float *f = nullptr;
-  ASSERT_EQ(ffloatread(path("v.f").c_str(), &f), kValues.size());
   EXPECT_EQ(std::memcmp(f, kValues.data(), kValues.size() * 4), 0);
+  std::free(x);
   std::free(f);
-
   writebytes(path("three.f"), {1, 2, 3});
   writebytes(path("empty.f"), {});
   ASSERT_EQ(mkdir(path("adir").c_str(), 0755), 0);
   ASSERT_EQ(mkfifo(path("fifo").c_str(), 0644), 0);  // must not block
-  // 2^32 values (a sparse file of 16 GiB) do not fit a 32-bit count: refused up front.
-  std::ofstream(path("huge.f"), std::ios::binary).put('\0');
-  const bool sparse = truncate(path("huge.f").c_str(), static_cast<off_t>(4) << 32) == 0;
-  double sentinel = 0.0;
-  float fsentinel = 0.0f;
+  // 2^32 + 1 values (a sparse file of 16 GiB) do not fit a 32-bit count: refused up front.
+  writebytes(path("huge.f"), {0});
+  const bool sparse = truncate(path("huge.f").c_str(), (off_t{1} << 34) + 4) == 0;
+  double sentinel = 0.0, *d = &sentinel;
+  float fsentinel = 0.0f, *g = &fsentinel;
   for (const char *name : {"three.f", "empty.f", "missing.f", "adir", "fifo", "huge.f"}) {
-    double *d = &sentinel;
-    float *g = &fsentinel;
-    EXPECT_EQ(fdoubleread(path(name).c_str(), &d), 0u) << name;
-    EXPECT_EQ(ffloatread(path(name).c_str(), &g), 0u) << name;
+    EXPECT_EQ(fdoubleread(path(name).c_str(), &d) + ffloatread(path(name).c_str(), &g), 0u) << name;
     EXPECT_TRUE(d == &sentinel && g == &fsentinel) << name;  // outputs left untouched
   }
-  double *d = &sentinel;
   EXPECT_EQ(fdoubleread(nullptr, &d), 0u);
-  EXPECT_EQ(d, &sentinel);
   if (!sparse) GTEST_SKIP() << "no sparse files here: the 2^32-value case was not exercised";
 }
 
 TEST_F(FeatureFileTest, WriteKeepsOrNarrowsTheInputAndRoundsToNearest) {
-  writebytes(path("in.f"), floatbytes(kValues));
-  double *x = nullptr;
-  const uint32_t n = fdoubleread(path("in.f").c_str(), &x);
-  ASSERT_EQ(n, kValues.size());
-  // keep-input 1: byte-identical file, array intact; any other flag narrows in place.
-  EXPECT_EQ(fdoublewrite(path("kept.f").c_str(), x, n, 1), n);
+  double x[8];
+  for (size_t i = 0; i < 8; ++i) x[i] = kValues[i];
+  // keep-input 1: array intact; any other flag narrows in place.
+  EXPECT_EQ(fdoublewrite(path("kept.f").c_str(), x, 8, 1), 8u);
   EXPECT_EQ(readbytes(path("kept.f")), floatbytes(kValues));
-  for (uint32_t i = 0; i < n; ++i) EXPECT_EQ(x[i], static_cast<double>(kValues[i]));
-  EXPECT_EQ(fdoublewrite(path("narrowed.f").c_str(), x, n, 2), n);
+  for (size_t i = 0; i < 8; ++i) EXPECT_EQ(x[i], static_cast<double>(kValues[i]));
+  EXPECT_EQ(fdoublewrite(path("narrowed.f").c_str(), x, 8, 2), 8u);
   EXPECT_EQ(readbytes(path("narrowed.f")), floatbytes(kValues));
-  EXPECT_EQ(std::memcmp(x, kValues.data(), n * sizeof(float)), 0);
-  std::free(x);
-
+  EXPECT_EQ(std::memcmp(x, kValues.data(), 8 * sizeof(float)), 0);
   double v[4] = {0.1, 1e300, -1e-50, 16777217.0};  // 2^24 + 1 rounds to even
   ASSERT_EQ(fdoublewrite(path("r.f").c_str(), v, 4, 1), 4u);
   EXPECT_EQ(readbytes(path("r.f")), floatbytes({0.1f, HUGE_VALF, -0.0f, 16777216.0f}));
@@ -93,47 +81,39 @@ TEST_F(FeatureFileTest, WriteKeepsOrNarrowsTheInputAndRoundsToNearest) {
 TEST_F(FeatureFileTest, WriteFailuresAreReportedWithoutDamage) {
   double v[3] = {1.0, 2.0, 3.0};
   const float g[3] = {1.0f, 2.0f, 3.0f};
-  EXPECT_EQ(fdoublewrite(nullptr, v, 2, 1), 0u);
-  EXPECT_EQ(ffloatwrite(nullptr, g, 2), 0u);
-  EXPECT_EQ(fdoublewrite(path("zero.f").c_str(), v, 0, 1), 0u);
-  EXPECT_EQ(ffloatwrite(path("zero.f").c_str(), g, 0), 0u);
-  EXPECT_FALSE(std::filesystem::exists(path("zero.f")));
-  EXPECT_EQ(fdoublewrite(path("no/such/dir.f").c_str(), v, 2, 0), 0u);
+  EXPECT_EQ(fdoublewrite(nullptr, v, 2, 1) + ffloatwrite(nullptr, g, 2), 0u);
+  EXPECT_EQ(fdoublewrite(path("zero.f").c_str(), v, 0, 1) + ffloatwrite(path("zero.f").c_str(), g, 0), 0u);
+  EXPECT_FALSE(fs::exists(path("zero.f")));
+  EXPECT_EQ(fdoublewrite(path("no/dir.f").c_str(), v, 2, 0) + ffloatwrite(path("no/dir.f").c_str(), g, 2), 0u);
   EXPECT_EQ(v[1], 2.0);  // not narrowed when the file cannot be created
-  EXPECT_EQ(ffloatwrite(path("no/such/dir.f").c_str(), g, 2), 0u);
-
   // A device that fails every write: reported, and never unlinked.
   if (makefulldevice(path("full"))) {
-    EXPECT_EQ(fdoublewrite(path("full").c_str(), v, 3, 1), 0u);
-    EXPECT_EQ(ffloatwrite(path("full").c_str(), g, 3), 0u);
-    EXPECT_TRUE(kestreltest::ischardevice(path("full")));
+    EXPECT_EQ(fdoublewrite(path("full").c_str(), v, 3, 1) + ffloatwrite(path("full").c_str(), g, 3), 0u);
+    EXPECT_TRUE(ischardevice(path("full")));
   }
-  // A regular file that cannot grow past 100 bytes: the short write is
-  // reported and the partial file removed; 40 bytes still fit.
-  const std::string p = path("partial.f");
-  EXPECT_TRUE(withfilesizelimit(100, [&] {
-    std::vector<double> big(10000, 0.5);
-    std::vector<float> bigf(10000, 0.5f);
-    const bool r1 = fdoublewrite(p.c_str(), big.data(), 10000, 1) == 0 && access(p.c_str(), F_OK) != 0;
-    const bool r2 = ffloatwrite(p.c_str(), bigf.data(), 10000) == 0 && access(p.c_str(), F_OK) != 0;
-    return r1 && r2 && fdoublewrite(p.c_str(), big.data(), 10, 1) == 10;
-  }));
-  EXPECT_EQ(std::filesystem::file_size(p), 40u);
-}
-
-// A write goes to a temporary beside the output and replaces the old file
-// only when complete: the old file survives a failed write, its permission
-// bits and a link to it survive a good one, and temporaries a killed writer
-// left (unlocked) are removed while a running writer's (locked) one stays.
-TEST_F(FeatureFileTest, WritesReplaceTheOldFileOnlyWhenComplete) {
-  namespace fs = std::filesystem;
-  const std::string p = path("o.f"), held = p + ".kestrel-tmp1";
+  // A file that cannot grow past 100 bytes: the short write is reported and
+  // the old file left intact, without a temporary; 40 bytes still fit.
+  const std::string p = path("o.f");
   writebytes(p, {'o', 'l', 'd'});
   EXPECT_TRUE(withfilesizelimit(100, [&] {
     std::vector<double> big(10000, 0.5);
-    return fdoublewrite(p.c_str(), big.data(), 10000, 1) == 0;
+    std::vector<float> bigf(10000, 0.5f);
+    return fdoublewrite(p.c_str(), big.data(), 10000, 1) == 0 && ffloatwrite(p.c_str(), bigf.data(), 10000) == 0 &&
+           readbytes(p) == Bytes{'o', 'l', 'd'} && fdoublewrite(path("new.f").c_str(), big.data(), 10, 1) == 10;
   }));
-  EXPECT_EQ(readbytes(p), (Bytes{'o', 'l', 'd'}));
+  std::set<std::string> left;
+  for (const auto &e : fs::directory_iterator(dir_)) left.insert(e.path().filename().string());
+  left.erase("full");
+  EXPECT_EQ(left, (std::set<std::string>{"o.f", "new.f"}));
+}
+
+// A write goes to a temporary beside the output and replaces the old file
+// when complete: the permission bits of the old file and a link to it
+// survive, and temporaries a killed writer left (unlocked) are removed while
+// a running writer's (locked) one stays.
+TEST_F(FeatureFileTest, WritesReplaceTheOldFileKeepingItsModeAndLinks) {
+  const std::string p = path("o.f"), held = p + ".kestrel-tmp1";
+  writebytes(p, {'o', 'l', 'd'});
   chmod(p.c_str(), 0640);
   symlink("o.f", path("link.f").c_str());
   for (int slot : {0, 1, 7}) writebytes(p + ".kestrel-tmp" + std::to_string(slot), {'x'});
@@ -148,8 +128,7 @@ TEST_F(FeatureFileTest, WritesReplaceTheOldFileOnlyWhenComplete) {
   std::set<std::string> left;
   for (const auto &e : fs::directory_iterator(dir_)) left.insert(e.path().filename().string());
   EXPECT_EQ(left, (std::set<std::string>{"o.f", "link.f", "o.f.kestrel-tmp1"}));
-  // A new file gets 0666 less the umask.
-  const mode_t mask = umask(027);
+  const mode_t mask = umask(027);  // a new file gets 0666 less the umask
   ASSERT_EQ(fdoublewrite(path("new.f").c_str(), v, 2, 1), 2u);
   umask(mask);
   EXPECT_EQ(fs::status(path("new.f")).permissions(), fs::perms(0640));

@@ -16,24 +16,27 @@ if not os.environ.get("PYTHONPATH"):
     sys.path.insert(0, os.environ["PYTHONPATH"])
 
 
-def command(name):
-    path = os.environ.get(name.upper()) or os.path.join(BINARY_DIR, name)
-    assert os.access(path, os.X_OK), f"{path} is not built"
-    return path
-
-
 def run(*args):
     """Runs a command, which must succeed without an error or a warning (list runs name each
     output on its own line; otherwise the commands print only errors and warnings)."""
     r = subprocess.run([str(a) for a in args], capture_output=True, text=True, timeout=300)
     assert r.returncode == 0 and "Error" not in r.stdout and "Warning" not in r.stdout, (args, r.stdout, r.stderr)
-    if not any(str(a).startswith("--list=") for a in args):
-        assert r.stdout == "" and r.stderr == "", (args, r.stdout, r.stderr)
+    assert r.stderr == "" and (r.stdout == "" or str(args[1]).startswith("--list=")), (args, r.stdout)
 
 
 def same_bytes(a, b):
     with open(a, "rb") as fa, open(b, "rb") as fb:
         return fa.read() == fb.read()
+
+
+def wav(name):
+    return os.path.join(SPEECH, name + ".wav")
+
+
+def command(name):
+    path = os.environ.get(name.upper()) or os.path.join(BINARY_DIR, name)
+    assert os.access(path, os.X_OK), f"{path} is not built"
+    return path
 
 
 @pytest.fixture(scope="session")
@@ -44,7 +47,3 @@ def kestrelana():
 @pytest.fixture(scope="session")
 def kestrelsyn():
     return command("kestrelsyn")
-
-
-def wav(name):
-    return os.path.join(SPEECH, name + ".wav")

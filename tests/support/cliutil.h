@@ -61,14 +61,11 @@ inline Result run(const std::string &prog, const std::vector<std::string> &args,
   }
   int st = 0;
   waitpid(pid, &st, 0);
-  Result r;
-  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 1000 + (WIFSIGNALED(st) ? WTERMSIG(st) : 0);
   const Bytes o = readbytes(out), e = readbytes(err);
-  r.out.assign(o.begin(), o.end());
-  r.err.assign(e.begin(), e.end());
   std::remove(out.c_str());
   std::remove(err.c_str());
-  return r;
+  return {WIFEXITED(st) ? WEXITSTATUS(st) : 1000 + (WIFSIGNALED(st) ? WTERMSIG(st) : 0), {o.begin(), o.end()},
+          {e.begin(), e.end()}};
 }
 
 // A WAV file built byte by byte: PCM (16/24 bits) or float, interleaved
@@ -127,14 +124,8 @@ inline std::vector<double> readwav(const std::string &p) {
 
 // A fresh temporary directory per test; args() turns "@/a @/b --x=1" into
 // arguments with '@' standing for the directory.
-class CliTest : public ::testing::Test {
+class CliTest : public ScratchDirTest {
  protected:
-  void SetUp() override {
-    std::string t = ::testing::TempDir() + "kestrel_cli_XXXXXX";
-    ASSERT_NE(mkdtemp(&t[0]), nullptr);
-    dir = t;
-  }
-  void TearDown() override { fs::remove_all(dir); }
   std::string at(std::string s) const {
     for (size_t k = 0; (k = s.find('@', k)) != std::string::npos; k += dir.size()) s.replace(k, 1, dir);
     return s;
@@ -150,15 +141,14 @@ class CliTest : public ::testing::Test {
   Result expectrun(const std::string &prog, const std::string &s, int status, const std::string &out,
                    const std::function<void()> &inchild = {}) {
     const Result r = run(prog, args(s), inchild);
-    EXPECT_EQ(r.status, status) << s;
-    EXPECT_EQ(r.out, at(out)) << s;
-    EXPECT_EQ(r.err, "") << s;
+    EXPECT_TRUE(r.status == status && r.out == at(out) && r.err.empty())
+        << s << "\nexit " << r.status << ", output:\n" << r.out << r.err << "expected exit " << status << ":\n" << at(out);
     return r;
   }
   Bytes bytes(const std::string &name) const { return readbytes(at(name)); }
   std::vector<float> floats(const std::string &name) const { return readfloats(at(name)); }
   std::vector<double> samples(const std::string &name) const { return readwav(at(name)); }
-  std::string dir;
+  const std::string &dir = dir_;
 };
 
 }  // namespace kestreltest

@@ -41,17 +41,15 @@ struct SynthUttOptions {
   uint64_t seed = 1;
 };
 
+// logf0: natural log of f0, -1e10 in unvoiced frames; f0: Hz, 0 in unvoiced
+// frames (exp of logf0); fv: maximum voiced frequency, Hz; cc: nframes rows of
+// order + 1 (c0 .. c_order).
 struct SynthUtterance {
   double fs = 16000.0;
-  uint32_t shift = 80;
-  uint32_t order = 39;
+  uint32_t shift = 80, order = 39;
   double alpha = 0.42;
   uint32_t nframes = 0;
-  std::vector<double> logf0;  // natural log of f0, -1e10 in unvoiced frames
-  std::vector<double> f0;     // Hz, 0 in unvoiced frames (exp of logf0)
-  std::vector<double> fv;     // maximum voiced frequency, Hz
-  std::vector<double> cc;     // nframes rows of order + 1 (c0 .. c_order)
-
+  std::vector<double> logf0, f0, fv, cc;
   double *frame(uint32_t i) { return cc.data() + static_cast<size_t>(i) * (order + 1); }
   const double *frame(uint32_t i) const { return cc.data() + static_cast<size_t>(i) * (order + 1); }
   double seconds() const { return static_cast<double>(nframes) * shift / fs; }
@@ -109,20 +107,9 @@ inline double resonancelog(double f, double F, double B, double fs) {
   return std::log(mag(0.0)) - std::log(mag(w));
 }
 
-struct SynthUttVowel {
-  double F[4];
-};
-
-inline const SynthUttVowel &synthuttvowel(unsigned i) {
-  static const SynthUttVowel table[] = {
-      {{730, 1090, 2440, 3400}},  // a
-      {{270, 2290, 3010, 3500}},  // i
-      {{300, 870, 2240, 3400}},   // u
-      {{530, 1840, 2480, 3500}},  // e
-      {{570, 840, 2410, 3400}},   // o
-  };
-  return table[i % 5];
-}
+// Formants F1..F4 (Hz) of the vowels a, i, u, e, o.
+constexpr double kSynthUttVowels[5][4] = {
+    {730, 1090, 2440, 3400}, {270, 2290, 3010, 3500}, {300, 870, 2240, 3400}, {530, 1840, 2480, 3500}, {570, 840, 2410, 3400}};
 
 inline SynthUtterance makesynthutterance(const SynthUttOptions &opt = SynthUttOptions()) {
   SynthUtterance u;
@@ -140,10 +127,7 @@ inline SynthUtterance makesynthutterance(const SynthUttOptions &opt = SynthUttOp
   SynthUttRng rng(opt.seed);
 
   // Segment plan: leading silence, then unvoiced gap / voiced stretch pairs.
-  struct Segment {
-    uint32_t begin, end;
-    bool voiced;
-  };
+  struct Segment { uint32_t begin, end; bool voiced; };
   std::vector<Segment> plan;
   uint32_t t = std::min<uint32_t>(N, static_cast<uint32_t>(0.08 * frate));
   plan.push_back({0, t, false});
@@ -181,9 +165,9 @@ inline SynthUtterance makesynthutterance(const SynthUttOptions &opt = SynthUttOp
         u.f0[i] = f0;
         u.logf0[i] = std::log(f0);
         u.fv[i] = fva + (fvb - fva) * x + 300.0 * std::sin(2.0 * kSynthUttPi * 2.0 * sec);
-        const SynthUttVowel &A = synthuttvowel(v0), &B = synthuttvowel(v1);
+        const double *A = kSynthUttVowels[v0 % 5], *B = kSynthUttVowels[v1 % 5];
         double F[4];
-        for (int k = 0; k < 4; ++k) F[k] = A.F[k] + (B.F[k] - A.F[k]) * s;
+        for (int k = 0; k < 4; ++k) F[k] = A[k] + (B[k] - A[k]) * s;
         const double Bw[4] = {80.0 + 20.0 * x, 100.0, 150.0, 250.0};
         const double level = peak - 1.5 * std::pow(std::fabs(2.0 * x - 1.0), 4.0);  // onset and decay
         auto env = [&](double f) {
@@ -218,9 +202,7 @@ inline SynthUtterance makesynthutterance(const SynthUttOptions &opt = SynthUttOp
   return u;
 }
 
-struct SynthUttFiles {
-  std::string f0, cc, fv;
-};
+struct SynthUttFiles { std::string f0, cc, fv; };
 
 inline bool writefloat32(const std::string &path, const std::vector<double> &v) {
   std::vector<float> f(v.begin(), v.end());
