@@ -25,7 +25,7 @@ echo "== optimised build =="
 run_suite build
 echo "== sanitizer build (address, undefined) =="
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  run_suite build-san -DKESTREL_SANITIZE=address,undefined -DKESTREL_BUILD_BENCH=OFF
+  run_suite build-san -DKESTREL_SANITIZE=address,undefined -DKESTREL_BUILD_BENCH=OFF -DKESTREL_NO_AVX2=ON
 echo "== thread-sanitizer build (threaded tests) =="
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Release -DKESTREL_BUILD_BENCH=OFF -DKESTREL_SANITIZE=thread >/dev/null
 cmake --build build-tsan -j"$jobs" --target "${threaded_targets[@]}"

@@ -1,7 +1,7 @@
 // Internal to the library: whether the AVX2 code paths may run. They use
 // only lane-wise IEEE products, sums, differences and quotients (no fused
 // multiply-add), so they give the bits of the SSE2 and scalar paths; building
-// with -DKESTREL_NO_AVX2 keeps to those paths, to check that.
+// with -DKESTREL_NO_AVX2=ON keeps to those paths, to check that.
 #ifndef KESTREL_SIMD_H
 #define KESTREL_SIMD_H
 
