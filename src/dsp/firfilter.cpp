@@ -19,6 +19,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "dft.h"
@@ -98,20 +99,26 @@ int fftfilter(const double *x, uint32_t n, double *y, double fs, uint32_t nfft, 
   fftc(static_cast<int32_t>(nfft), H.data());
   for (double &v : H) v /= static_cast<double>(nfft);
 
+  // One pair of plans for every block: the transforms' bits are those of fftc/ifftc.
+  using Plan = std::unique_ptr<FFTPLAN, void (*)(FFTPLAN *)>;
+  const Plan forward(fftplancreate(static_cast<int32_t>(nfft), 1), fftplanfree);
+  const Plan inverse(fftplancreate(static_cast<int32_t>(nfft), -1), fftplanfree);
+  if (!forward || !inverse) return -1;
+
   std::memset(y, 0, sizeof(double) * n);
   std::vector<double> buf(2 * nf);
   for (int64_t s = 0; s < n; s += 2 * static_cast<int64_t>(B)) {
     std::fill(buf.begin(), buf.end(), 0.0);
     for (int64_t t = 0; t < B && s + t < n; ++t) buf[2 * t] = x[s + t];
     for (int64_t t = 0; t < B && s + B + t < n; ++t) buf[2 * t + 1] = x[s + B + t];
-    fftc(static_cast<int32_t>(nfft), buf.data());
+    fftplanc(forward.get(), buf.data());
     for (size_t k = 0; k < nf; ++k) {
       const double re = buf[2 * k], im = buf[2 * k + 1];
       const double hr = H[2 * k], hi = H[2 * k + 1];
       buf[2 * k] = re * hr - im * hi;
       buf[2 * k + 1] = re * hi + im * hr;
     }
-    ifftc(static_cast<int32_t>(nfft), buf.data());
+    fftplanc(inverse.get(), buf.data());
     // Convolution sample t of the block at s is output sample s + t - D.
     for (int64_t t = 0; t < static_cast<int64_t>(nfft); ++t) {
       const int64_t i0 = s + t - D;

@@ -202,6 +202,11 @@ int track(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first
   std::vector<FrameHypotheses> hyps(nframes);
   std::vector<double> buf(2 * static_cast<size_t>(nfft)), seg(span), nccf(maxlag + 2);
   const double scale = 1.0 / static_cast<double>(nfft);
+  // One pair of plans for every frame: the transforms' bits are those of fftc/ifftc.
+  using Plan = std::unique_ptr<FFTPLAN, void (*)(FFTPLAN *)>;
+  const Plan forward(fftplancreate(static_cast<int32_t>(nfft), 1), fftplanfree);
+  const Plan inverse(fftplancreate(static_cast<int32_t>(nfft), -1), fftplanfree);
+  if (!forward || !inverse) return refuse(nframes, f0);
   for (uint32_t f = 0; f < nframes; ++f) {
     const int64_t s0 = startof(f);
     for (uint32_t i = 0; i < span; ++i) seg[i] = sampleat(y, n, s0 + i);
@@ -210,7 +215,7 @@ int track(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first
       buf[2 * i] = i < W ? seg[i] : 0.0;
       buf[2 * i + 1] = i < span ? seg[i] : 0.0;
     }
-    fftc(static_cast<int32_t>(nfft), buf.data());
+    fftplanc(forward.get(), buf.data());
     // Spectra A = (Z_k + conj Z_-k)/2 and B = (Z_k - conj Z_-k)/2j of the two
     // parts; conj(A) B transforms back to the cross-correlation.
     for (uint32_t i = 0; i <= nfft / 2; ++i) {
@@ -226,7 +231,7 @@ int track(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first
         buf[2 * m + 1] = -pi;
       }
     }
-    ifftc(static_cast<int32_t>(nfft), buf.data());
+    fftplanc(inverse.get(), buf.data());
     // Energies of the lagged window slide along the span.
     double e = 0.0;
     for (uint32_t i = 0; i < W; ++i) e += seg[i] * seg[i];
