@@ -16,10 +16,13 @@
 
 #include "harmonicanalysis.h"
 #include "spectralanalysis.h"
+#include "support/synthref.h"
 #include "windowing.h"
 
 namespace {
 
+using kestreltest::allfinite;
+using kestreltest::gaussvec;
 constexpr double kPi = 3.141592653589793;
 constexpr double kFs = 16000.0;
 
@@ -89,11 +92,9 @@ TEST(CepstrumTail, WarpedCepstrumReproducesTheLogSpectrumAtEveryBin) {
   // r1 .. r(h-1), rh/2) and doubles c0, so c0 + 2 sum ck cos(k w~_j) gives
   // back S_j at every bin: a missing halving (r0 or rh) or doubling shows at once.
   const uint32_t nfft = 64, p = 600;
-  std::mt19937_64 gen(5);
-  std::normal_distribution<double> g(0.0, 0.3);
-  std::vector<double> x(400);
+  std::vector<double> x = gaussvec(400, 0.3, 5);
   double prev = 0;
-  for (double &v : x) v = prev = 0.7 * prev + g(gen);  // coloured: a sloping spectrum
+  for (double &v : x) v = prev = 0.7 * prev + v;  // coloured: a sloping spectrum
   CCMEM *area = ccmeminitialize(kFs, 60.0, 31, nfft, 0);
   ASSERT_NE(area, nullptr);
   for (double alpha : {0.42, -0.2}) {
@@ -117,11 +118,9 @@ TEST(Waveform2cc, MatchesPerFrameCallsWithTheDesignedFrameSizes) {
   using Method = int (*)(const double *, uint32_t, double, uint32_t, double, uint32_t, double *, uint32_t, double *,
                          double, CCMEM *);
   const Method methods[] = {getharmmcep, getharmrdc, getqharmrdc, getwwcmcep, getseemcep};
-  std::mt19937_64 gen(3);
-  std::normal_distribution<double> g(0.0, 0.1);
   const uint32_t n = 6000, p = 24, shift = 100, first = 1500;
-  std::vector<double> x(n);
-  for (uint32_t i = 0; i < n; ++i) x[i] = 0.3 * std::sin(2 * kPi * 150.0 * i / kFs) + g(gen);
+  std::vector<double> x = gaussvec(n, 0.1, 3);
+  for (uint32_t i = 0; i < n; ++i) x[i] = 0.3 * std::sin(2 * kPi * 150.0 * i / kFs) + x[i];
   const struct { double fmin; uint32_t nfft; } cases[] = {{60.0, 1024}, {59.0, 1024}, {40.0, 2048}, {10.0, 8192}};
   for (uint8_t method = 0; method <= 4; ++method)
     for (const auto &cs : cases) {
@@ -141,11 +140,9 @@ TEST(Waveform2cc, MatchesPerFrameCallsWithTheDesignedFrameSizes) {
 
 TEST(Waveform2cc, EveryThreadCountGivesTheSameBits) {
   // 45 frames, voiced and unvoiced, in chunks that do not divide evenly among the threads.
-  std::mt19937_64 gen(8);
-  std::normal_distribution<double> g(0.0, 0.1);
   const uint32_t n = 8000, p = 24, nframes = 45;
-  std::vector<double> x(n), f0(nframes);
-  for (uint32_t i = 0; i < n; ++i) x[i] = 0.3 * std::sin(2 * kPi * (120.0 + i / 100.0) * i / kFs) + g(gen);
+  std::vector<double> x = gaussvec(n, 0.1, 8), f0(nframes);
+  for (uint32_t i = 0; i < n; ++i) x[i] = 0.3 * std::sin(2 * kPi * (120.0 + i / 100.0) * i / kFs) + x[i];
   for (uint32_t k = 0; k < nframes; ++k) f0[k] = (k % 7 == 3) ? 0.0 : 110.0 + 3.0 * k;
   for (uint8_t method = 0; method <= 4; ++method) {
     std::vector<double> want(getccsize(nframes, p));
@@ -181,13 +178,8 @@ TEST(Waveform2cc, HarmonicSignalOfFlatSpectrumReadsItsDensity) {
 }
 
 TEST(Waveform2cc, RobustAtEdgesAndOnBadInput) {
-  std::mt19937_64 gen(2);
-  std::normal_distribution<double> g(0.0, 0.1);
-  std::vector<double> x(3000), big(2 * 1501);
-  for (double &v : x) v = g(gen);
-  auto finite = [](const std::vector<double> &v) {
-    return std::all_of(v.begin(), v.end(), [](double d) { return std::isfinite(d); });
-  };
+  const std::vector<double> x = gaussvec(3000, 0.1, 2);
+  std::vector<double> big(2 * 1501);
   // Centres at 0, near the end, past the end and wrapped past 2^32; f0 values that are NaN,
   // infinite, negative, tiny, above Nyquist. Silence and an empty signal hold log(sqrt(1e-10/fs))
   // in every bin: that constant in c0, zeros elsewhere (voiced frames of silence fail over to
@@ -200,20 +192,20 @@ TEST(Waveform2cc, RobustAtEdgesAndOnBadInput) {
     std::vector<double> cc(8 * 13, 0.0);
     for (uint32_t first : {0u, 2900u, 4294967000u}) {
       ASSERT_EQ(waveform2cc(x.data(), 3000, kFs, 700, first, 8, f0.data(), 12, cc.data(), 0.42, method), 0);
-      EXPECT_TRUE(finite(cc)) << first;
+      EXPECT_TRUE(allfinite(cc)) << first;
     }
     for (const double *s : {z.data(), static_cast<const double *>(nullptr)}) {
       ASSERT_EQ(waveform2cc(s, s ? 3000 : 0, kFs, 80, 1000, 8, f0.data(), 12, cc.data(), 0.42, method), 0);
       for (uint32_t j = 0; j < cc.size(); ++j) EXPECT_NEAR(cc[j], j % 13 ? 0.0 : floorlog, 1e-12) << j;
     }
     ASSERT_EQ(waveform2cc(x.data(), 3000, kFs, 1000, 1000, 2, f2, 1500, big.data(), 0.42, method), 0);
-    EXPECT_TRUE(finite(big));
+    EXPECT_TRUE(allfinite(big));
   }
   // NaN samples poison only the frames that see them.
   std::vector<double> y = x, f1 = {0.0, 120.0, 0.0}, cc(3 * 13);
   y[100] = NAN;
   ASSERT_EQ(waveform2cc(y.data(), 3000, kFs, 1000, 100, 3, f1.data(), 12, cc.data(), 0.42, 0), 0);
-  EXPECT_TRUE(std::isnan(cc[0]) && finite(std::vector<double>(cc.begin() + 13, cc.end())));
+  EXPECT_TRUE(std::isnan(cc[0]) && allfinite(std::vector<double>(cc.begin() + 13, cc.end())));
   // Refusals zero cc (a size beyond 32 bits leaves it alone): no output array, invalid fs, an
   // FFT beyond 2^22 points (f0 0.01 Hz). |alpha| >= 1 is no error: the warping leaves each row
   // as it was and c0 is doubled.

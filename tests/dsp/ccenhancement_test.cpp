@@ -8,7 +8,6 @@
 #include <cmath>
 #include <cstdint>
 #include <new>
-#include <random>
 #include <vector>
 
 #include "support/synthref.h"
@@ -35,16 +34,8 @@ namespace {
 using kestreltest::kInf;
 using kestreltest::kNaN;
 using kestreltest::samebits;
+using kestreltest::uniformvec;
 const double kDbToLogAmp = 0.1151292546497023;  // ln(10)/20
-
-
-std::vector<double> randommatrix(size_t count, uint64_t seed, double scale) {
-  std::mt19937_64 gen(seed);
-  std::uniform_real_distribution<double> dist(-scale, scale);
-  std::vector<double> v(count);
-  for (double &d : v) d = dist(gen);
-  return v;
-}
 
 // A c0 whose loudness (53.9683 + 9.3548 c0 dB, order 0) lies exactly db dB, as a double, from c0 = 1.
 double c0atdb(double db) {
@@ -204,7 +195,7 @@ TEST(CepstralEnhancement, LoudnessFilterAddsTheScaledShape) {
   // Every row gets entries 0..min(order, 99), f times, on top of what is there.
   for (uint32_t order : {24u, 120u}) {
     const uint32_t stride = order + 1;
-    std::vector<double> cc = randommatrix(3 * stride, 77, 1.0), want = cc;
+    std::vector<double> cc = uniformvec(3 * stride, 77), want = cc;
     for (uint32_t i = 0; i < cc.size(); ++i) want[i] += i % stride < 100 ? 2.0 * shape[i % stride] : 0.0;
     applycloudfilt16k042(cc.data(), order, 3, 2.0);
     EXPECT_TRUE(samebits(cc, want)) << order;
@@ -213,7 +204,7 @@ TEST(CepstralEnhancement, LoudnessFilterAddsTheScaledShape) {
 
 TEST(CepstralEnhancement, FactorZeroNoFramesAndNaNFactor) {
   // Factor 0 (either sign) leaves every bit, NaN payloads and -0.0 included.
-  std::vector<double> cc = randommatrix(160, 3, 3.0);
+  std::vector<double> cc = uniformvec(160, 3, 3.0);
   cc[0] = -std::nan("0x7");
   cc[41] = -0.0;
   cc[82] = kInf;

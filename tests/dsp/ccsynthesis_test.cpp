@@ -154,22 +154,16 @@ std::vector<double> synth(const SynthUtterance &u, bool withfv, std::vector<doub
 // Every frame the same f0 and fv, flat envelope at log level c0.
 SynthUtterance steady(uint32_t nframes, double f0, double fv, double c0, uint32_t order = 8) {
   SynthUtterance u;
-  u.order = order;
-  u.nframes = nframes;
-  u.f0.assign(nframes, f0);
-  u.fv.assign(nframes, fv);
+  u.order = order, u.nframes = nframes;
+  u.f0.assign(nframes, f0), u.fv.assign(nframes, fv);
   u.cc.assign(static_cast<size_t>(nframes) * (order + 1), 0.0);
   for (size_t i = 0; i < u.cc.size(); i += order + 1) u.cc[i] = c0;
   return u;
 }
 
+// 16 kHz, alpha 0.42.
 SynthUtterance utterance(double seconds, uint64_t seed, uint32_t order = 39, uint32_t shift = 80) {
-  kestreltest::SynthUttOptions o;
-  o.seconds = seconds;
-  o.seed = seed;
-  o.order = order;
-  o.shift = shift;
-  return kestreltest::makesynthutterance(o);
+  return kestreltest::makesynthutterance({seconds, order, 0.42, 16000.0, shift, seed});
 }
 
 const SynthUtterance &realistic() {

@@ -160,40 +160,34 @@ TEST(Slm, WindowedSinusoidIsOneAndNoiseIsLow) {
   EXPECT_EQ(slm(std::vector<double>(2 * nfft, 0.0).data(), nfft, fs, 1000, N, 64, h), 0.0);
 }
 
-TEST(MedianFilt, HandComputedWithUntouchedEnds) {
-  const struct { std::vector<double> in; uint32_t w; std::vector<double> out; } cases[] = {
-      {{5, 1, 4, 2, 3, 9, 0}, 5, {5, 1, 3, 3, 3, 9, 0}},
-      {{1, 9, 9, 1, 1, 1, 9}, 3, {1, 9, 9, 1, 1, 1, 9}},  // every window sees unfiltered values
-      {{7, 3, 5}, 3, {7, 5, 5}},
-      {{1, 8, 2, 9, 3}, 4, {1, 8, 3, 9, 3}},  // even width: 2*(4/2)+1 = 5 wide
-      {{4, 2, 6, 1}, 5, {4, 2, 6, 1}},  // shorter than the window: unchanged
+TEST(FvSmoothing, MedianWithUntouchedEndsAndWeightedAverageOfOriginalValues) {
+  // The median exactly (the outputs are finite). The weighted average weighs by value: 2000 -> 1, 3000 -> 1, 4000 -> 1,
+  // 6000 -> 0.5, 8000 -> 0, 1000 -> 0.5, -1000 -> -0.5.
+  using Filter = int (*)(double *, uint32_t, uint32_t);
+  const Filter M = medianfilt, W = wsmooth;
+  const struct { Filter filter; std::vector<double> in; uint32_t w; std::vector<double> out; } cases[] = {
+      {M, {5, 1, 4, 2, 3, 9, 0}, 5, {5, 1, 3, 3, 3, 9, 0}},
+      {M, {1, 9, 9, 1, 1, 1, 9}, 3, {1, 9, 9, 1, 1, 1, 9}},  // every window sees unfiltered values
+      {M, {7, 3, 5}, 3, {7, 5, 5}},
+      {M, {1, 8, 2, 9, 3}, 4, {1, 8, 3, 9, 3}},  // even width: 2*(4/2)+1 = 5 wide
+      {M, {4, 2, 6, 1}, 5, {4, 2, 6, 1}},        // shorter than the window: unchanged
+      {W, {0, 3000, 1000, 0}, 3, {0, 3500 / 1.5, 3500 / 1.5, 0}},
+      {W, {6000, 2000}, 3, {5000 / 1.5, 5000 / 1.5}},
+      {W, {8000, 9000}, 3, {8000, 9000}},                  // no weight at all: unchanged
+      {W, {0, 0, 5000}, 3, {0, 0, 5000}},                  // unvoiced frames stay 0 and weigh nothing
+      {W, {1000, 3000, 3000}, 2, {1000, 3500 / 1.5, 3000}},  // even width: frames i-1 and i
+      // The frame leaving the window is taken out with its original value.
+      {W, {3000, 1000, 1000, 3000, 1000}, 3, {3500 / 1.5, 2000, 2000, 2000, 3500 / 1.5}},
+      {W, {-1000, 3000}, 3, {3500 / 0.5, 3500 / 0.5}},
+      {W, {3000, kInf, 3000, 0, 0, 3000}, 3, {3000, 3000, 3000, 0, 0, 3000}},  // non-finite: no weight, no spread
   };
   for (const auto &c : cases) {
     std::vector<double> v = c.in;
-    EXPECT_EQ(medianfilt(v.data(), static_cast<uint32_t>(v.size()), c.w), 0);
-    EXPECT_EQ(v, c.out);
+    EXPECT_EQ(c.filter(v.data(), static_cast<uint32_t>(v.size()), c.w), 0);
+    for (size_t i = 0; i < v.size(); ++i)
+      EXPECT_NEAR(v[i], c.out[i], c.filter == M ? 0.0 : 1e-9) << "case " << &c - cases << " " << i;
   }
   EXPECT_EQ(medianfilt(nullptr, 0, 5), 0);
-}
-
-TEST(WSmooth, WeightedAverageOfOriginalValues) {
-  // Weights by value: 2000 -> 1, 3000 -> 1, 4000 -> 1, 6000 -> 0.5, 8000 -> 0, 1000 -> 0.5, -1000 -> -0.5.
-  const struct { std::vector<double> in; uint32_t w; std::vector<double> out; } cases[] = {
-      {{0, 3000, 1000, 0}, 3, {0, 3500 / 1.5, 3500 / 1.5, 0}},
-      {{6000, 2000}, 3, {5000 / 1.5, 5000 / 1.5}},
-      {{8000, 9000}, 3, {8000, 9000}},  // no weight at all: unchanged
-      {{0, 0, 5000}, 3, {0, 0, 5000}},  // unvoiced frames stay 0 and weigh nothing
-      {{1000, 3000, 3000}, 2, {1000, 3500 / 1.5, 3000}},  // even width: frames i-1 and i
-      // The frame leaving the window is taken out with its original value.
-      {{3000, 1000, 1000, 3000, 1000}, 3, {3500 / 1.5, 2000, 2000, 2000, 3500 / 1.5}},
-      {{-1000, 3000}, 3, {3500 / 0.5, 3500 / 0.5}},
-      {{3000, kInf, 3000, 0, 0, 3000}, 3, {3000, 3000, 3000, 0, 0, 3000}},  // non-finite: no weight, no spread
-  };
-  for (const auto &c : cases) {
-    std::vector<double> v = c.in;
-    EXPECT_EQ(wsmooth(v.data(), static_cast<uint32_t>(v.size()), c.w), 0);
-    for (size_t i = 0; i < v.size(); ++i) EXPECT_NEAR(v[i], c.out[i], 1e-9) << c.in[0] << " " << i;
-  }
 }
 
 // Harmonics of f0 up to fmaxh plus white noise of rms `noise`.

@@ -10,9 +10,9 @@
 #include <cmath>
 #include <numeric>
 #include <cstdint>
-#include <random>
 #include <vector>
 
+#include "support/synthref.h"
 #include "windowing.h"
 
 namespace {
@@ -27,13 +27,6 @@ struct Area {
   explicit Area(uint32_t nfft = kNfft) : a(nameminitializefft(kN, nfft)) {}
   ~Area() { namemdestroy(a); }
 };
-std::vector<double> noise(uint32_t n, double sigma, uint64_t seed) {
-  std::mt19937_64 gen(seed);
-  std::normal_distribution<double> g(0.0, sigma);
-  std::vector<double> x(n);
-  for (double &v : x) v = g(gen);
-  return x;
-}
 
 TEST(NoiseArea, SizesAndWindow) {
   EXPECT_TRUE(naframesize(16000.0) == 401u && naframesize(8000.0) == 201u);
@@ -55,7 +48,7 @@ TEST(NoiseLogSpectrum, FloorSymmetryBinCopiesAndRefusals) {
     ASSERT_EQ(getnoiselogspectrum(z.data(), 2000, kFs, c, kNfft, out.data(), area.a), 0);
     for (double v : out) ASSERT_NEAR(v, kFloor, 1e-13) << "silence, centre " << c;
   }
-  const std::vector<double> x = noise(3000, 0.2, 8);
+  const std::vector<double> x = kestreltest::gaussvec(3000, 0.2, 8);
   ASSERT_EQ(getnoiselogspectrum(x.data(), 3000, kFs, 1500, kNfft, out.data(), area.a), 0);
   EXPECT_EQ(out[0], out[1]);
   EXPECT_EQ(out[kNfft / 2], out[kNfft / 2 - 1]);
@@ -138,7 +131,7 @@ TEST(VoicedEnvelopes, HarmonicsReadTheirDensity) {
 }
 
 TEST(VoicedEnvelopes, UnvoicedFramesTakeTheNoiseSpectrum) {
-  const std::vector<double> x = noise(3000, 0.2, 6);
+  const std::vector<double> x = kestreltest::gaussvec(3000, 0.2, 6);
   Area area;
   std::vector<double> ref(kNfft), a(kNfft), b(kNfft);
   ASSERT_EQ(getnoiselogspectrum(x.data(), 3000, kFs, 1500, kNfft, ref.data(), area.a), 0);

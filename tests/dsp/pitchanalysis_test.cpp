@@ -33,10 +33,7 @@ struct Frame {
   ~Frame() { std::free(rec.strength); }
   Frame(const Frame &) = delete;
   Frame &operator=(const Frame &) = delete;
-  struct Slot {
-    uint32_t j;
-    double f, s;
-  };
+  struct Slot { uint32_t j; double f, s; };
   explicit Frame(const std::vector<Slot> &slots) : Frame() {
     for (const Slot &x : slots) {
       rec.frequency[x.j] = x.f;
@@ -236,8 +233,7 @@ TEST(Autocorrelation, MatchesDirectCircularSum) {
     }
   }
   std::vector<double> buf(24, 1.0);
-  EXPECT_EQ(autocorrelation(12, buf.data()), -1);
-  EXPECT_EQ(autocorrelation(0, buf.data()), -1);
+  EXPECT_EQ(autocorrelation(12, buf.data()) + autocorrelation(0, buf.data()), -2);
   EXPECT_EQ(buf, std::vector<double>(24, 1.0));
 }
 

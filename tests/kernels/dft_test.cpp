@@ -8,7 +8,6 @@
 #include <cmath>
 #include <complex>
 #include <cstdint>
-#include <random>
 #include <vector>
 
 #include "support/synthref.h"
@@ -16,15 +15,8 @@
 namespace {
 
 using kestreltest::samebits;
+using kestreltest::uniformvec;
 using cld = std::complex<long double>;
-
-std::vector<double> randomvalues(size_t count, uint64_t seed) {
-  std::mt19937_64 gen(seed);
-  std::uniform_real_distribution<double> dist(-1.0, 1.0);
-  std::vector<double> v(count);
-  for (double &d : v) d = dist(gen);
-  return v;
-}
 
 // The straightforward transform the kernels replace: k outer, groups inner,
 // twiddles advanced per k, bit reversal bit by bit. Direction -1 is the
@@ -63,7 +55,7 @@ TEST(Dft, ReferenceMatchesTheDirectDft) {
   const long double kPiL = 3.141592653589793238462643383279502884L;
   for (int32_t n : {2, 8, 128, 2048})
     for (int8_t dir : {int8_t{1}, int8_t{-1}}) {
-      std::vector<double> x = randomvalues(2 * n, 1000 + n);
+      std::vector<double> x = uniformvec(2 * n, 1000 + n);
       const std::vector<double> in = x;
       referencefft(n, x.data(), x.data() + n, dir);
       std::vector<cld> root(n);
@@ -86,7 +78,7 @@ TEST(Dft, EveryPathAndDirectionGivesTheReferenceBits) {
   // whole output and hide the rest.)
   for (int32_t n = 2; n <= 16384; n *= 2)
     for (int sparse = 0; sparse < 2; ++sparse) {
-      std::vector<double> in = randomvalues(2 * n, 77 + n);
+      std::vector<double> in = uniformvec(2 * n, 77 + n);
       const double specials[] = {1e300, -1e-310, 5e-324, -0.0, 0.0, -1e300};
       for (int t = 0; t < 6; ++t) in[(37 * t + 5) % (2 * n)] = specials[t];
       if (sparse)

@@ -33,8 +33,7 @@ TEST(Windowing, WindowsAgainstClosedForms) {
 }
 
 TEST(Windowing, WindowedSegmentEdgesAndResult) {
-  double x[10];
-  for (uint32_t i = 0; i < 10; ++i) x[i] = 1.0 + i;  // never 0
+  const double x[10] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};  // never 0
   // out[k] is x[centre - half + k] where that lies in the signal, else 0; result 1 when any
   // sample was copied. Segments wider than the signal, wholly outside it, with unsigned bounds
   // that would wrap, and an empty signal.

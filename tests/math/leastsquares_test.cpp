@@ -8,8 +8,9 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <random>
 #include <vector>
+
+#include "support/synthref.h"
 
 namespace {
 
@@ -56,12 +57,10 @@ TEST(SolveLeastSquares, RegularisationPenalisesBySquaredIndex) {
 }
 
 TEST(SolveLeastSquares, ExactOverdeterminedSystems) {
-  std::mt19937_64 gen(7);
-  std::uniform_real_distribution<double> dist(-1.0, 1.0);
   const uint32_t m = 30, n = 6, q = 2;
-  std::vector<double> A(m * n), Xtrue(n * q), B(m * q, 0.0), X(n * q), X2(n * q);
-  for (double &v : A) v = dist(gen);
-  for (double &v : Xtrue) v = dist(gen);
+  const std::vector<double> r = kestreltest::uniformvec(m * n + n * q, 7);  // A, then Xtrue
+  const std::vector<double> A(r.begin(), r.begin() + m * n), Xtrue(r.begin() + m * n, r.end());
+  std::vector<double> B(m * q, 0.0), X(n * q), X2(n * q);
   for (uint32_t k = 0; k < m; ++k)
     for (uint32_t j = 0; j < q; ++j)
       for (uint32_t i = 0; i < n; ++i) B[k * q + j] += A[k * n + i] * Xtrue[i * q + j];

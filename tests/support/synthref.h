@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <random>
 #include <vector>
 
 namespace kestreltest {
@@ -25,6 +26,29 @@ inline ::testing::AssertionResult samebits(const std::vector<double> &a, const s
   for (size_t i = from; i < a.size() && i < to; ++i)
     if (!samebits(a[i], b[i])) return ::testing::AssertionFailure() << "index " << i << ": " << a[i] << " vs " << b[i];
   return ::testing::AssertionSuccess();
+}
+
+// n values uniform in [-scale, scale) and n normal values of deviation sigma, drawn in order from a
+// 64-bit Mersenne twister seeded with seed.
+inline std::vector<double> uniformvec(size_t n, uint64_t seed, double scale = 1.0) {
+  std::mt19937_64 gen(seed);
+  std::uniform_real_distribution<double> dist(-scale, scale);
+  std::vector<double> v(n);
+  for (double &d : v) d = dist(gen);
+  return v;
+}
+inline std::vector<double> gaussvec(size_t n, double sigma, uint64_t seed) {
+  std::mt19937_64 gen(seed);
+  std::normal_distribution<double> dist(0.0, sigma);
+  std::vector<double> v(n);
+  for (double &d : v) d = dist(gen);
+  return v;
+}
+
+inline bool allfinite(const std::vector<double> &v) {
+  for (double d : v)
+    if (!std::isfinite(d)) return false;
+  return true;
 }
 
 // (c, s) advanced by the angle whose cosine and sine are (c1, s1).
