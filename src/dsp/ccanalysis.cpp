@@ -105,13 +105,11 @@ template <>
 struct Lanes<2> {
   typedef double vec __attribute__((vector_size(16)));
   typedef int64_t index __attribute__((vector_size(16)));
-  static constexpr index kShift = {2, 0};  // (new, lane 0)
 };
 template <>
 struct Lanes<4> {
   typedef double vec __attribute__((vector_size(32)));
   typedef int64_t index __attribute__((vector_size(32)));
-  static constexpr index kShift = {4, 0, 1, 2};  // (new, lanes 0 1 2)
 };
 
 template <uint32_t L>
@@ -139,7 +137,11 @@ inline __attribute__((always_inline)) void warplanes(double *buf, uint64_t P, co
     vec fresh;
     for (uint32_t l = 0; l < L; ++l) fresh[l] = b;
     // Lane l's input is lane l-1's output kLag steps ago; lane 0 reads buf.
-    vec x = __builtin_shuffle(hist[t % kLag], fresh, Lanes<L>::kShift);
+    vec x;
+    if constexpr (L == 2)
+      x = __builtin_shufflevector(hist[t % kLag], fresh, 2, 0);  // (new, lane 0)
+    else
+      x = __builtin_shufflevector(hist[t % kLag], fresh, 4, 0, 1, 2);  // (new, lanes 0 1 2)
     if (t <= early) {
       index e = -lag;
       e += static_cast<int64_t>(t);  // each lane's element

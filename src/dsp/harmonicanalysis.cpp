@@ -102,7 +102,6 @@ void addharmonicssse2(double *buf, uint32_t L, const Harmonic *h, unsigned g, do
   addharmonicsbody<v2d, 2, Modulate>(buf, L, h, g, mc, ms, mc1, ms1);
 }
 
-typedef long long v4i __attribute__((vector_size(32)));
 
 // 4R harmonics on AVX2, four samples at a time: the products of the four
 // samples are transposed so that one register holds a harmonic at four
@@ -123,7 +122,6 @@ __attribute__((target("avx2"))) void addblockavx2(double *buf, uint32_t L, const
       ck[v][l] = hg.ck;
       sk[v][l] = hg.sk;
     }
-  const v4i lo = {0, 4, 2, 6}, hi = {1, 5, 3, 7}, first = {0, 1, 4, 5}, second = {2, 3, 6, 7};
   uint32_t n = 0;
   for (; n + 4 <= L; n += 4) {
     double bq[4];
@@ -153,12 +151,14 @@ __attribute__((target("avx2"))) void addblockavx2(double *buf, uint32_t L, const
     }
 #pragma GCC unroll 4
     for (unsigned v = 0; v < R; ++v) {
-      const v4d u0 = __builtin_shuffle(t[v][0], t[v][1], lo), u1 = __builtin_shuffle(t[v][0], t[v][1], hi);
-      const v4d u2 = __builtin_shuffle(t[v][2], t[v][3], lo), u3 = __builtin_shuffle(t[v][2], t[v][3], hi);
-      b = __builtin_shuffle(u0, u2, first) + b;  // harmonic 4v at the four samples
-      b = __builtin_shuffle(u1, u3, first) + b;
-      b = __builtin_shuffle(u0, u2, second) + b;
-      b = __builtin_shuffle(u1, u3, second) + b;
+      const v4d u0 = __builtin_shufflevector(t[v][0], t[v][1], 0, 4, 2, 6);
+      const v4d u1 = __builtin_shufflevector(t[v][0], t[v][1], 1, 5, 3, 7);
+      const v4d u2 = __builtin_shufflevector(t[v][2], t[v][3], 0, 4, 2, 6);
+      const v4d u3 = __builtin_shufflevector(t[v][2], t[v][3], 1, 5, 3, 7);
+      b = __builtin_shufflevector(u0, u2, 0, 1, 4, 5) + b;  // harmonic 4v at the four samples
+      b = __builtin_shufflevector(u1, u3, 0, 1, 4, 5) + b;
+      b = __builtin_shufflevector(u0, u2, 2, 3, 6, 7) + b;
+      b = __builtin_shufflevector(u1, u3, 2, 3, 6, 7) + b;
     }
     __builtin_memcpy(buf + n, &b, sizeof b);
   }
