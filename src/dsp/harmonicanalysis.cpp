@@ -15,6 +15,17 @@ constexpr double kTwoPi = 6.283185307179586;
 // sqrt(2)/3: (2 - cos)^2 has mean 4.5, so the modulated noise keeps its power.
 constexpr double kModulationGain = 0.47140452079103173;
 
+// Sample b scaled by the noise modulation (2 - cos), whose rotation (mc, ms)
+// then advances one step (mc1, ms1).
+inline double modulate(double b, double &mc, double &ms, double mc1, double ms1) {
+  b = (2.0 - mc) * kModulationGain * b;
+  const double nc = mc * mc1 - ms * ms1;
+  const double ns = ms * mc1 + mc * ms1;
+  mc = nc;
+  ms = ns;
+  return b;
+}
+
 // Harmonics are added a few at a time (eight, or sixteen with AVX2) so that
 // their rotations run side by side; per sample the additions still happen in
 // ascending harmonic order.
@@ -55,13 +66,7 @@ inline __attribute__((always_inline)) void addgroup(double *buf, uint32_t L, con
   }
   for (uint32_t n = 0; n < L; ++n) {
     double b = buf[n];
-    if (Modulate) {
-      b = (2.0 - mc) * kModulationGain * b;
-      const double nc = mc * mc1 - ms * ms1;
-      const double ns = ms * mc1 + mc * ms1;
-      mc = nc;
-      ms = ns;
-    }
+    if (Modulate) b = modulate(b, mc, ms, mc1, ms1);
 #pragma GCC unroll 8
     for (unsigned v = 0; v < V; ++v) {
       const VD t = a[v] * c[v];
@@ -164,13 +169,7 @@ __attribute__((target("avx2"))) void addblockavx2(double *buf, uint32_t L, const
   }
   for (; n < L; ++n) {
     double b = buf[n];
-    if (Modulate) {
-      b = (2.0 - mc) * kModulationGain * b;
-      const double nc = mc * mc1 - ms * ms1;
-      const double ns = ms * mc1 + mc * ms1;
-      mc = nc;
-      ms = ns;
-    }
+    if (Modulate) b = modulate(b, mc, ms, mc1, ms1);
     for (unsigned v = 0; v < R; ++v) {
       const v4d t = a[v] * c[v];
       for (unsigned l = 0; l < 4; ++l) b = t[l] + b;

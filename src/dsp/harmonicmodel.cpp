@@ -345,12 +345,10 @@ bool choleskysolve2(double *GA, double *bA, uint32_t nA, double *GB, double *bB,
 }
 
 #if defined(__GNUC__)
-// fitharmonic's sums over the window samples n0 .. n0+3: their rotations run
-// side by side in SSE2 lanes, and every sum still takes its terms in
-// ascending n, so the sums equal the sample-by-sample loop bit for bit.
-void harmonicsums4(const Frame &fr, const double *w2, double w0, uint32_t n0, uint32_t H, double *W, double *rc,
-                   double *rs) {
-  double gw[4], xe[4], xo[4], c1[4], s1[4];
+// The terms of window samples n0 .. n0+3 that the harmonic sums take: weights
+// (doubled off centre), even and odd weighted samples, and the rotation steps.
+inline void sampleterms4(const Frame &fr, const double *w2, double w0, uint32_t n0, double *gw, double *xe,
+                         double *xo, double *c1, double *s1) {
   for (uint32_t j = 0; j < 4; ++j) {
     const uint32_t n = n0 + j;
     const double xp = fr.sample(n), xm = fr.sample(-static_cast<int64_t>(n));
@@ -362,6 +360,15 @@ void harmonicsums4(const Frame &fr, const double *w2, double w0, uint32_t n0, ui
     c1[j] = std::cos(th);
     s1[j] = std::sin(th);
   }
+}
+
+// fitharmonic's sums over the window samples n0 .. n0+3: their rotations run
+// side by side in SSE2 lanes, and every sum still takes its terms in
+// ascending n, so the sums equal the sample-by-sample loop bit for bit.
+void harmonicsums4(const Frame &fr, const double *w2, double w0, uint32_t n0, uint32_t H, double *W, double *rc,
+                   double *rs) {
+  double gw[4], xe[4], xo[4], c1[4], s1[4];
+  sampleterms4(fr, w2, w0, n0, gw, xe, xo, c1, s1);
   const v2d gwa = {gw[0], gw[1]}, gwb = {gw[2], gw[3]}, xea = {xe[0], xe[1]}, xeb = {xe[2], xe[3]};
   const v2d xoa = {xo[0], xo[1]}, xob = {xo[2], xo[3]};
   const v2d c1a = {c1[0], c1[1]}, c1b = {c1[2], c1[3]}, s1a = {s1[0], s1[1]}, s1b = {s1[2], s1[3]};
@@ -421,17 +428,7 @@ KESTREL_TARGET_AVX2 inline void sumblock(double *r, const __m256d f[4], const __
 KESTREL_TARGET_AVX2 void harmonicsums4avx2(const Frame &fr, const double *w2, double w0, uint32_t n0, uint32_t H,
                                            double *W, double *rc, double *rs) {
   double gw[4], xe[4], xo[4], c1[4], s1[4];
-  for (uint32_t j = 0; j < 4; ++j) {
-    const uint32_t n = n0 + j;
-    const double xp = fr.sample(n), xm = fr.sample(-static_cast<int64_t>(n));
-    const double g = w2[n];
-    gw[j] = (n == 0) ? g : 2.0 * g;
-    xe[j] = g * ((n == 0) ? xp : xp + xm);
-    xo[j] = g * (xp - xm);
-    const double th = w0 * static_cast<double>(n);
-    c1[j] = std::cos(th);
-    s1[j] = std::sin(th);
-  }
+  sampleterms4(fr, w2, w0, n0, gw, xe, xo, c1, s1);
   const __m256d vc1 = _mm256_loadu_pd(c1), vs1 = _mm256_loadu_pd(s1);
   __m256d c = _mm256_set1_pd(1.0), s = _mm256_set1_pd(0.0);
   __m256d g[4], e[4], o[4];
