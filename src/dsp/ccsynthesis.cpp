@@ -13,6 +13,11 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
 #include <new>
 #include <thread>
 #include <vector>
@@ -351,6 +356,21 @@ struct FrameState {
   double phi;     // phase of the fundamental at the frame centre
 };
 
+// True as soon as ready() is, false once it has stayed false for about `time`.
+template <class Ready>
+bool spinfor(std::chrono::nanoseconds time, Ready ready) {
+  const auto until = std::chrono::steady_clock::now() + time;
+  for (;;) {
+    for (int k = 0; k < 64; ++k) {
+      if (ready()) return true;
+#if defined(__x86_64__) || defined(__i386__)
+      __builtin_ia32_pause();
+#endif
+    }
+    if (std::chrono::steady_clock::now() >= until) return false;
+  }
+}
+
 // One thread's work area.
 struct FrameWork {
   std::vector<double> area;  // matrices, vectors and the FFT frame
@@ -358,8 +378,10 @@ struct FrameWork {
 };
 
 constexpr uint32_t kMaxThreads = 256;
-constexpr uint64_t kBlockDoubles = uint64_t{1} << 20;  // segments per round, in doubles
-constexpr uint64_t kMaxBlockFrames = 512;
+constexpr uint64_t kRingDoubles = uint64_t{1} << 20;  // segments in flight, in doubles
+constexpr uint64_t kMaxRingFrames = 512;
+constexpr uint64_t kPublishFrames = 8;  // states fixed between wake-ups of the workers
+constexpr std::chrono::microseconds kSpinTime{200};  // a worker's look for frames before it sleeps
 
 // f0 of a frame after the range check and the fv test (fvi set when voiced);
 // c0 is read after its round trip through the noise gain, as the frame sees it.
@@ -413,34 +435,6 @@ const double *synthframe(const Utterance &u, double *c, const FrameState &st, RA
   return re;
 }
 
-// The nb frames of cc (rows p1 apart) into their segments, frame j on thread
-// j mod threads (the calling thread is thread 0; a thread that cannot be
-// started leaves its frames to the calling thread).
-void runframes(const Utterance &u, uint32_t nb, double *cc, const FrameState *states, double *segments,
-               FrameWork *work, uint32_t threads) {
-  const uint64_t twoshift = 2 * static_cast<uint64_t>(u.shift);
-  auto run = [&](uint32_t t, uint32_t step, FrameWork *w) {
-    for (uint32_t j = t; j < nb; j += step) {
-      RANDGEN noise = states[j].noise;
-      const double *frame = synthframe(u, cc + static_cast<uint64_t>(j) * u.p1, states[j], &noise, w);
-      double *seg = segments + j * twoshift;
-      for (uint64_t k = 0; k < twoshift; ++k) seg[k] = frame[k];
-    }
-  };
-  std::thread pool[kMaxThreads];
-  for (uint32_t t = 1; t < threads; ++t) {
-    try {
-      pool[t] = std::thread(run, t, threads, &work[t]);
-    } catch (...) {
-    }
-  }
-  run(0, threads, &work[0]);
-  for (uint32_t t = 1; t < threads; ++t)
-    if (!pool[t].joinable()) run(t, threads, &work[0]);
-  for (uint32_t t = 1; t < threads; ++t)
-    if (pool[t].joinable()) pool[t].join();
-}
-
 // The lowest f0 that sizes the harmonic matrices, and the c0 range of the fv
 // estimate (0, 0 with a track): the values synthesis needs before its first frame.
 void prescan(uint32_t nframes, const double *f0, const double *cc, uint64_t p1, bool hasfv, double *f0min,
@@ -465,13 +459,18 @@ void prescan(uint32_t nframes, const double *f0, const double *cc, uint64_t p1, 
 
 // A synthesis in progress: the utterance's tables and work areas, what the
 // frames carry from one to the next (generator state, phase, previous f0),
-// and the samples not yet handed out. Frames are synthesised in rounds; a
-// serial pass fixes each frame's state, so a round's frames are independent
-// and their segments are overlap-added in frame order, whatever the rounds.
+// and the samples not yet handed out.
+//
+// With more than one thread the frames flow through a ring of `depth` slots
+// (frame i in slot i mod depth): the calling thread fixes each frame's state in
+// frame order (the serial pass), any thread synthesises a frame whose state is
+// fixed, and the calling thread overlap-adds finished frames in frame order.
+// The calling thread also takes frames whenever it has nothing else to do, so
+// the serial work overlaps the synthesis and no thread waits for a batch to end.
 struct CCSTREAM {
   Utterance u{};
   uint32_t threads = 1;
-  uint64_t block = 1;  // frames per round at most
+  uint64_t depth = 1;  // frames in flight at most
   std::vector<double> envm, segments;
   std::vector<FrameWork> work;
   std::vector<FrameState> states;
@@ -482,9 +481,30 @@ struct CCSTREAM {
   bool finished = false;
   // Samples from acc0 on: acc[k] is sample acc0 + k; those below ready are final.
   std::vector<double> acc;
-  uint64_t acc0 = 0, ready = 0;
+  uint64_t acc0 = 0, ready = 0, pulled = 0;
 
-  ~CCSTREAM() { fftplanfree(inverse); }
+  // The worker threads and what they share with the calling thread. Frame
+  // numbers count from the start of the utterance.
+  std::vector<std::thread> crew;
+  std::mutex m;
+  std::condition_variable wake;      // workers: frames to take, or stop
+  std::condition_variable framedone;  // calling thread: a frame is done
+  bool stop = false;                  // guarded by m
+  std::atomic<uint64_t> published{0};  // frames below this have their state fixed
+  std::atomic<uint64_t> claimed{0};    // frames below this are taken by a thread
+  std::unique_ptr<std::atomic<uint64_t>[]> done;  // per slot: frame number + 1 once synthesised
+  double *callcc = nullptr;  // cepstra of the frames of the current push, from frame callfirst on
+  uint64_t callfirst = 0;
+
+  ~CCSTREAM() {
+    {
+      std::lock_guard<std::mutex> l(m);
+      stop = true;
+    }
+    wake.notify_all();
+    for (std::thread &t : crew) t.join();
+    fftplanfree(inverse);
+  }
 
   // Sets up the tables and work areas; false when they are refused.
   bool init(double fs, uint32_t shift, uint32_t order, double alpha, double f0min, bool hasfv, double c0min,
@@ -514,11 +534,13 @@ struct CCSTREAM {
     const uint64_t nmat = p1 * rows;
     if (nmat > kMaxWorkDoubles || nmat + rows + 2 * static_cast<uint64_t>(u.nfft) > kMaxWorkDoubles) return false;
     threads = nthreads == 0 ? 1 : (nthreads > kMaxThreads ? kMaxThreads : nthreads);
-    // Frames synthesised per round: enough to keep every thread busy, few
-    // enough that their segments stay small.
-    block = kBlockDoubles / twoshift;
-    if (block > kMaxBlockFrames) block = kMaxBlockFrames;
-    if (block < threads) block = threads;
+    // Frames in flight: enough to keep every thread busy, few enough that
+    // their segments stay small.
+    if (threads > 1) {
+      depth = kRingDoubles / twoshift;
+      if (depth > kMaxRingFrames) depth = kMaxRingFrames;
+      if (depth < 4 * static_cast<uint64_t>(threads)) depth = 4 * static_cast<uint64_t>(threads);
+    }
     const uint64_t envgroups = (static_cast<uint64_t>(u.nenv) + kLanes - 1) / kLanes;
     try {
       std::vector<double> rowmajor(static_cast<size_t>(p1 * u.nenv));
@@ -526,8 +548,11 @@ struct CCSTREAM {
       envm.resize(static_cast<size_t>(envgroups * kLanes * p1));
       interleaverows(rowmajor.data(), u.nenv, u.p1, envm.data());
       // One thread synthesises each frame as it goes: no segments to hold.
-      if (threads > 1) segments.resize(static_cast<size_t>(block * twoshift));
-      states.resize(static_cast<size_t>(threads > 1 ? block : 1));
+      if (threads > 1) {
+        segments.resize(static_cast<size_t>(depth * twoshift));
+        done.reset(new std::atomic<uint64_t>[static_cast<size_t>(depth)]());
+      }
+      states.resize(static_cast<size_t>(depth));
       work.resize(threads);
       for (FrameWork &w : work) {
         // Harmonic amplitudes and phases, envelope grid, FFT frame.
@@ -543,6 +568,14 @@ struct CCSTREAM {
     u.inverse = inverse;
     u.envm = envm.data();
     randgenseed(&noise, 0);
+    // A worker that cannot be started leaves its frames to the others.
+    for (uint32_t t = 1; t < threads; ++t) {
+      try {
+        crew.emplace_back(&CCSTREAM::worker, this, &work[t]);
+      } catch (...) {
+        break;
+      }
+    }
     return true;
   }
 
@@ -561,55 +594,126 @@ struct CCSTREAM {
     f0prev = st->f;
   }
 
-  // Synthesises nb (at most block) frames; emit(j, segment) overlap-adds
-  // frame nframes + j where the caller wants it.
-  template <class Emit>
-  void round(uint32_t nb, const double *f0, const double *fv, double *cc, Emit emit) {
-    if (threads <= 1) {  // each frame as its state is fixed, drawing from the utterance's generator
-      for (uint32_t j = 0; j < nb; ++j) {
-        double *c = cc + static_cast<uint64_t>(j) * u.p1;
-        nextstate(f0[j], fv ? fv[j] : 0.0, c, &states[0]);
-        emit(nframes + j, synthframe(u, c, states[0], &noise, &work[0]));
+  // Takes the next frame whose state is fixed; false when there is none.
+  bool claim(uint64_t *i) {
+    uint64_t j = claimed.load(std::memory_order_relaxed);
+    while (j < published.load(std::memory_order_acquire))
+      if (claimed.compare_exchange_weak(j, j + 1, std::memory_order_relaxed)) {
+        *i = j;
+        return true;
       }
-      nframes += nb;
+    return false;
+  }
+
+  // Synthesises frame i into its slot, with work area w.
+  void synthslot(uint64_t i, FrameWork *w) {
+    const uint64_t slot = i % depth;
+    const uint64_t twoshift = 2 * static_cast<uint64_t>(u.shift);
+    RANDGEN draws = states[slot].noise;
+    const double *frame = synthframe(u, callcc + (i - callfirst) * u.p1, states[slot], &draws, w);
+    double *seg = segments.data() + slot * twoshift;
+    for (uint64_t k = 0; k < twoshift; ++k) seg[k] = frame[k];
+    done[slot].store(i + 1, std::memory_order_release);
+    {
+      std::lock_guard<std::mutex> l(m);  // the calling thread may be about to wait for this frame
+    }
+    framedone.notify_one();
+  }
+
+  void worker(FrameWork *w) {
+    for (;;) {
+      uint64_t i;
+      if (claim(&i)) {
+        synthslot(i, w);
+        continue;
+      }
+      // Frames usually follow within microseconds (the next batch of states,
+      // or the next push after the caller has taken its samples): look again
+      // for a while before sleeping, since waking a thread costs far longer.
+      if (spinfor(kSpinTime, [&] { return claimed.load(std::memory_order_relaxed) < published.load(std::memory_order_relaxed); }))
+        continue;
+      std::unique_lock<std::mutex> l(m);
+      wake.wait(l, [&] {
+        return stop || claimed.load(std::memory_order_relaxed) < published.load(std::memory_order_relaxed);
+      });
+      if (stop) return;
+    }
+  }
+
+  // Synthesises the next n frames; emit(i, segment) overlap-adds frame i
+  // (counted from the start of the utterance) where the caller wants it, in
+  // frame order.
+  template <class Emit>
+  void synth(uint32_t n, const double *f0, const double *fv, double *cc, Emit emit) {
+    const uint64_t first = nframes, end = nframes + n;
+    if (threads <= 1) {  // each frame as its state is fixed, drawing from the utterance's generator
+      for (uint64_t i = first; i < end; ++i) {
+        double *c = cc + (i - first) * u.p1;
+        nextstate(f0[i - first], fv ? fv[i - first] : 0.0, c, &states[0]);
+        emit(i, synthframe(u, c, states[0], &noise, &work[0]));
+      }
+      nframes = end;
       return;
     }
     const uint32_t nbins = u.nfft / 2 - 1;
-    for (uint32_t j = 0; j < nb; ++j) {
-      nextstate(f0[j], fv ? fv[j] : 0.0, cc + static_cast<uint64_t>(j) * u.p1, &states[j]);
-      randgendraws(&noise, work[0].draws.data(), nbins);
-    }
-    runframes(u, nb, cc, states.data(), segments.data(), work.data(), threads > nb ? nb : threads);
     const uint64_t twoshift = 2 * static_cast<uint64_t>(u.shift);
-    for (uint32_t j = 0; j < nb; ++j) emit(nframes + j, segments.data() + j * twoshift);
-    nframes += nb;
+    callcc = cc;
+    callfirst = first;
+    uint64_t fixed = first, out = first;  // next frame to fix, next to overlap-add
+    while (out < end) {
+      // Keep the others fed: fix states a few frames at a time, as far as the ring allows.
+      if (fixed < end && fixed - out < depth) {
+        uint64_t upto = fixed + kPublishFrames;
+        if (upto > end) upto = end;
+        if (upto > out + depth) upto = out + depth;
+        for (; fixed < upto; ++fixed) {
+          const uint64_t j = fixed - first;
+          nextstate(f0[j], fv ? fv[j] : 0.0, cc + j * u.p1, &states[fixed % depth]);
+          randgendraws(&noise, work[0].draws.data(), nbins);
+        }
+        {
+          std::lock_guard<std::mutex> l(m);
+          published.store(fixed, std::memory_order_release);
+        }
+        wake.notify_all();
+        continue;
+      }
+      if (done[out % depth].load(std::memory_order_acquire) == out + 1) {
+        emit(out, segments.data() + (out % depth) * twoshift);
+        ++out;
+        continue;
+      }
+      uint64_t i;
+      if (claim(&i)) {
+        synthslot(i, &work[0]);
+        continue;
+      }
+      // Every fixed frame is taken: wait for the one to overlap-add next.
+      std::unique_lock<std::mutex> l(m);
+      framedone.wait(l, [&] { return done[out % depth].load(std::memory_order_acquire) == out + 1; });
+    }
+    nframes = end;
   }
 
-  // Frames in rounds, overlap-added into acc; samples before the next
-  // frame's start become final.
+  // Frames overlap-added into acc; samples before the next frame's start
+  // become final.
   bool push(uint32_t n, const double *f0, const double *fv, double *cc) {
     const uint64_t shift = u.shift;
-    for (uint32_t done = 0; done < n;) {
-      const uint32_t nb = static_cast<uint32_t>(n - done < block ? n - done : block);
-      const uint64_t end = (nframes + nb + 1) * shift;  // past the round's last segment
-      // Drop what was handed out, then make room for the round.
-      if (pulled > acc0) {
-        acc.erase(acc.begin(), acc.begin() + static_cast<std::ptrdiff_t>(pulled - acc0));
-        acc0 = pulled;
-      }
-      try {
-        if (acc0 + acc.size() < end) acc.resize(static_cast<size_t>(end - acc0), 0.0);
-      } catch (const std::bad_alloc &) {
-        return false;
-      }
-      round(nb, f0 + done, fv ? fv + done : nullptr, cc + static_cast<uint64_t>(done) * u.p1,
-            [&](uint64_t i, const double *seg) {
-              const uint32_t start = static_cast<uint32_t>(i * shift - acc0);
-              olaframe(u.avx2, acc.data() + start, seg, u.shift);
-            });
-      done += nb;
-      ready = nframes * shift;
+    const uint64_t end = (nframes + n + 1) * shift;  // past the last segment
+    // Drop what was handed out, then make room for the frames.
+    if (pulled > acc0) {
+      acc.erase(acc.begin(), acc.begin() + static_cast<std::ptrdiff_t>(pulled - acc0));
+      acc0 = pulled;
     }
+    try {
+      if (acc0 + acc.size() < end) acc.resize(static_cast<size_t>(end - acc0), 0.0);
+    } catch (const std::bad_alloc &) {
+      return false;
+    }
+    synth(n, f0, fv, cc, [&](uint64_t i, const double *seg) {
+      olaframe(u.avx2, acc.data() + (i * shift - acc0), seg, u.shift);
+    });
+    ready = nframes * shift;
     return true;
   }
 
@@ -629,7 +733,6 @@ struct CCSTREAM {
     pulled += n;
     return static_cast<uint32_t>(n);
   }
-  uint64_t pulled = 0;
 };
 
 extern "C" {
@@ -721,16 +824,13 @@ int cc2waveformthreads(double *output, uint32_t length, double fs, uint32_t shif
       return -1;
     // The whole output is at hand: segments go straight into it.
     const uint64_t twoshift = 2 * static_cast<uint64_t>(shift);
-    for (uint32_t b0 = 0; b0 < nsynth; b0 += static_cast<uint32_t>(st.block)) {
-      const uint32_t nb = (nsynth - b0 < st.block) ? nsynth - b0 : static_cast<uint32_t>(st.block);
-      st.round(nb, f0 + b0, fv ? fv + b0 : nullptr, cc + b0 * p1, [&](uint64_t i, const double *seg) {
-        const uint64_t start = i * shift;
-        if (start + twoshift <= length)
-          olaframe(st.u.avx2, output + start, seg, shift);
-        else
-          olatriangclipped(output, seg, start, shift, length);
-      });
-    }
+    st.synth(nsynth, f0, fv, cc, [&](uint64_t i, const double *seg) {
+      const uint64_t start = i * shift;
+      if (start + twoshift <= length)
+        olaframe(st.u.avx2, output + start, seg, shift);
+      else
+        olatriangclipped(output, seg, start, shift, length);
+    });
   }
 
   for (uint32_t i = nsynth; i < nframes; ++i) {
