@@ -1,12 +1,14 @@
-// threads_eval: thread scaling of the cepstral analysis and the synthesis of
-// one recording (80-sample frames at 16 kHz, order 39, alpha 0.42, method 0;
-// the pitch and fv tracks are computed once beforehand, on one thread).
+// threads_eval: thread scaling of the analysis and the synthesis of one
+// recording with kestrelana's defaults (80-sample frames at 16 kHz, order 59,
+// alpha 0.42, method 0, the cross-correlation pitch tracker).
 //
 //   threads_eval REPEATS MAXTHREADS file.wav
 //
 // For 1 .. MAXTHREADS threads prints the median wall time of REPEATS runs of
-// waveform2ccthreads and of cc2waveformthreads, the speed-up over one thread,
-// and whether the cepstra and samples equal the one-thread ones bit for bit.
+// the analysis (getpitchdpthreads, getfvoicingthreads, waveform2ccthreads) and
+// of the synthesis from its features (cc2waveformthreads), the speed-up over
+// one thread, and whether every track, cepstrum and sample equals the
+// one-thread one bit for bit.
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -23,7 +25,7 @@
 namespace {
 
 constexpr double kFs = 16000.0;
-constexpr uint32_t kShift = 80, kOrder = 39;
+constexpr uint32_t kShift = 80, kOrder = 59;
 
 double median(std::vector<double> v) {
   std::sort(v.begin(), v.end());
@@ -57,15 +59,15 @@ int main(int argc, char **argv) {
   std::free(raw);
   const uint32_t nframes = (n - 1 + kShift - 1) / kShift - 1;
   const uint32_t len = getwaveformlength(kShift, nframes);
-  std::vector<double> f0(nframes), fv(nframes), cc1(static_cast<size_t>(kOrder + 1) * nframes), y1(len);
-  getpitch(x.data(), n, kFs, kShift, kShift, nframes, 60.0, 500.0, f0.data());
-  getfvoicing(x.data(), n, kFs, kShift, kShift, nframes, f0.data(), fv.data());
+  std::vector<double> f01, fv1, cc1, y1;
   std::printf("%s: %.1f s\nthreads\tanalysis_s\tspeedup\tsynthesis_s\tspeedup\tidentical\n", argv[3], n / kFs);
   double ana1 = 0, syn1 = 0;
   for (int t = 1; t <= maxthreads; ++t) {
-    std::vector<double> cc(cc1.size()), y(len), ta, ts;
+    std::vector<double> f0(nframes), fv(nframes), cc(static_cast<size_t>(kOrder + 1) * nframes), y(len), ta, ts;
     for (int r = 0; r < repeats; ++r) {
       ta.push_back(walltime([&] {
+        getpitchdpthreads(x.data(), n, kFs, kShift, kShift, nframes, 60.0, 500.0, f0.data(), t);
+        getfvoicingthreads(x.data(), n, kFs, kShift, kShift, nframes, f0.data(), fv.data(), t);
         waveform2ccthreads(x.data(), n, kFs, kShift, kShift, nframes, f0.data(), kOrder, cc.data(), 0.42, 0, t);
       }));
       std::vector<double> c = cc;
@@ -74,12 +76,14 @@ int main(int argc, char **argv) {
       }));
     }
     if (t == 1) {
+      f01 = f0;
+      fv1 = fv;
       cc1 = cc;
       y1 = y;
       ana1 = median(ta);
       syn1 = median(ts);
     }
-    const bool same = std::memcmp(cc.data(), cc1.data(), cc.size() * sizeof(double)) == 0 &&
+    const bool same = f0 == f01 && fv == fv1 && std::memcmp(cc.data(), cc1.data(), cc.size() * sizeof(double)) == 0 &&
                       std::memcmp(y.data(), y1.data(), y.size() * sizeof(double)) == 0;
     std::printf("%d\t%.4f\t%.2f\t%.4f\t%.2f\t%s\n", t, median(ta), ana1 / median(ta), median(ts), syn1 / median(ts),
                 same ? "yes" : "NO");

@@ -48,12 +48,15 @@ AnalysisStatus analyserecording(const double *x, uint32_t n, const AnalyserSetti
   f0 = std::vector<double>(nframes);
   out->cc = std::vector<double>(static_cast<size_t>(ncc));
   out->fv.clear();
-  (s.crosscorrelation ? getpitchdp : getpitch)(x, n, kAnalysisFs, shift, shift, nframes, s.f0min, s.f0max, f0.data());
+  if (s.crosscorrelation)
+    getpitchdpthreads(x, n, kAnalysisFs, shift, shift, nframes, s.f0min, s.f0max, f0.data(), s.threads);
+  else
+    getpitch(x, n, kAnalysisFs, shift, shift, nframes, s.f0min, s.f0max, f0.data());
   if (s.refine)
     refinepitch(x, n, kAnalysisFs, shift, shift, nframes, s.f0min, s.f0max, kRefineIterations, f0.data(), nullptr);
   if (withfv) {
     out->fv = std::vector<double>(nframes);
-    getfvoicing(x, n, kAnalysisFs, shift, shift, nframes, f0.data(), out->fv.data());
+    getfvoicingthreads(x, n, kAnalysisFs, shift, shift, nframes, f0.data(), out->fv.data(), s.threads);
   }
   if (waveform2ccthreads(x, n, kAnalysisFs, shift, shift, nframes, f0.data(), order, out->cc.data(), s.alpha, s.method,
                          s.threads) != 0)

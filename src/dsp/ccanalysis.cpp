@@ -10,13 +10,14 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <atomic>
 #include <new>
-#include <thread>
 #include <vector>
 
 #include "dft.h"
 #include "harmonicanalysis.h"
 #include "matvect.h"
+#include "parallel.h"
 #include "simd.h"
 #include "spectralanalysis.h"
 #include "windowing.h"
@@ -25,8 +26,7 @@ namespace {
 
 constexpr double kDefaultFmin = 60.0;
 constexpr uint32_t kMaxFft = 1u << 22;
-// Threads of one analysis at most, and the frames they take at a time.
-constexpr uint32_t kMaxThreads = 256;
+// Frames a thread takes at a time.
 constexpr uint32_t kChunkFrames = 8;
 // Largest design matrix plus solver work area (doubles) a discrete-cepstrum
 // fit may allocate when the harmonic area's buffer is too small (order ~1400).
@@ -442,54 +442,33 @@ int waveform2ccthreads(const double *x, uint32_t n, double fs, uint32_t shift, u
   if (nfft <= pot2) nfft = pot2;
   if (!ispowerof2(nfft) || nfft > kMaxFft) return refuse();
 
-  const uint32_t chunks = (nframes + kChunkFrames - 1) / kChunkFrames;
-  if (threads == 0) threads = 1;
-  if (threads > kMaxThreads) threads = kMaxThreads;
-  if (threads > chunks) threads = chunks;
+  threads = kestrel::threadsfor(nframes, kChunkFrames, threads);
   // One work area and frame buffer per thread, all made before any frame is
   // analysed.
-  CCMEM *areas[kMaxThreads] = {};
-  double *bufs[kMaxThreads] = {};
+  CCMEM *areas[kestrel::kMaxThreads] = {};
+  double *bufs[kestrel::kMaxThreads] = {};
   bool ready = true;
   for (uint32_t t = 0; t < threads && ready; ++t) {
     areas[t] = ccmeminitialize(fs, fmin, F, nfft, method);
     bufs[t] = static_cast<double *>(std::malloc(2 * static_cast<size_t>(nfft) * sizeof(double)));
     ready = areas[t] && bufs[t];
   }
-  int status[kMaxThreads] = {};
+  std::atomic<bool> failed{!ready};
   if (ready) {
-    // Frames go to the threads in chunks, chunk j to thread j mod threads;
-    // every frame is analysed on its own, so the split does not matter.
-    auto run = [&](uint32_t t, CCMEM *area, double *buf) {
-      for (uint32_t j = t; j < chunks && status[t] == 0; j += threads) {
-        const uint32_t end = (nframes - j * kChunkFrames > kChunkFrames) ? (j + 1) * kChunkFrames : nframes;
-        for (uint32_t k = j * kChunkFrames; k < end && status[t] == 0; ++k) {
-          const uint32_t centre = first + k * shift;
-          double *c = cc + rowlen * k;
-          status[t] = framemethod(method)(x, n, fs, centre, f0[k], nfft, buf, p, c, alpha, area);
-        }
+    // Every frame is analysed on its own, so the split does not matter.
+    kestrel::parallelchunks(nframes, kChunkFrames, threads, [&](uint32_t t, uint64_t begin, uint64_t end) {
+      for (uint64_t k = begin; k < end && !failed.load(std::memory_order_relaxed); ++k) {
+        const uint32_t centre = first + static_cast<uint32_t>(k) * shift;
+        if (framemethod(method)(x, n, fs, centre, f0[k], nfft, bufs[t], p, cc + rowlen * k, alpha, areas[t]) != 0)
+          failed.store(true, std::memory_order_relaxed);
       }
-    };
-    std::thread pool[kMaxThreads];
-    for (uint32_t t = 1; t < threads; ++t) {
-      try {
-        pool[t] = std::thread(run, t, areas[t], bufs[t]);
-      } catch (...) {
-      }
-    }
-    run(0, areas[0], bufs[0]);
-    for (uint32_t t = 1; t < threads; ++t)
-      if (!pool[t].joinable()) run(t, areas[0], bufs[0]);
-    for (uint32_t t = 1; t < threads; ++t)
-      if (pool[t].joinable()) pool[t].join();
+    });
   }
-  bool failed = !ready;
   for (uint32_t t = 0; t < threads; ++t) {
-    failed = failed || status[t] != 0;
     std::free(bufs[t]);
     if (areas[t]) ccmemdestroy(areas[t]);
   }
-  return failed ? refuse() : 0;
+  return failed.load() ? refuse() : 0;
 }
 
 }  // extern "C"

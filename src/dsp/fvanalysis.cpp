@@ -21,6 +21,7 @@
 #include "dft.h"
 #include "fvtrack.h"
 #include "matvect.h"
+#include "parallel.h"
 #include "polynom.h"
 #include "windowing.h"
 
@@ -107,6 +108,7 @@ namespace {
 
 constexpr double kPi = 3.141592653589793;
 constexpr uint32_t kMaxFvFft = 1u << 20;
+constexpr uint32_t kChunkFrames = 8;  // frames a thread takes at a time
 
 bool isvoiced(double f0) { return f0 > 0 && std::isfinite(f0); }
 
@@ -147,8 +149,52 @@ class Plans {
   FFTPLAN *plans_[32] = {};
 };
 
+// A thread's buffers: the frame's spectrum, then per-harmonic frequencies,
+// likeness values and the log power spectrum (later the cut likelihoods).
+struct FvWork {
+  std::vector<double> spectrum, area;
+  size_t bins = 0;  // nfft / 2 of the longest frame
+  Plans plans;
+};
+
+// fv of voiced frame k (f0 > 0) before the median.
+double framefv(const double *x, uint32_t n, double fs, uint32_t c, double f0, FvWork *w) {
+  const uint32_t N = getwinlengthnperiodsodd(3.0, f0, fs);
+  const uint32_t half = N / 2;
+  const uint32_t nfft = getwinlengthceilpot2(4 * N);
+  const double df = fs / nfft;
+  const double hwd = std::floor(0.5 * f0 / df);
+  const uint32_t hw = (hwd > nfft) ? nfft : static_cast<uint32_t>(hwd);
+  double *freq = w->area.data();
+  double *lik = freq + w->bins;
+  double *logp = lik + w->bins;
+
+  // Zero-phase frame: sample c at index 0, c+i at i, c-i at nfft-i.
+  // Every element is written once: the window's two ends (nfft >= 4N
+  // keeps them apart) and zeros elsewhere.
+  double *sp = w->spectrum.data();
+  sp[0] = (c < n) ? 2 * x[c] : 0.0;
+  sp[1] = 0.0;
+  for (uint32_t i = 1; i <= half; ++i) {
+    const double win = 1 + std::cos(kPi * i / half);
+    double *lo = sp + 2 * static_cast<size_t>(i), *hi = sp + 2 * static_cast<size_t>(nfft - i);
+    lo[0] = (static_cast<uint64_t>(c) + i < n) ? x[c + i] * win : 0.0;
+    lo[1] = 0.0;
+    hi[0] = (i <= c && c - i < n) ? x[c - i] * win : 0.0;
+    hi[1] = 0.0;
+  }
+  std::fill(sp + 2 * (static_cast<size_t>(half) + 1), sp + 2 * static_cast<size_t>(nfft - half), 0.0);
+  w->plans.forward(nfft, sp);
+  for (uint32_t j = 0; j <= nfft / 2; ++j) {
+    const double re = sp[2 * static_cast<size_t>(j)], im = sp[2 * static_cast<size_t>(j) + 1];
+    logp[j] = std::log(re * re + im * im);
+  }
+  const uint32_t count = kestrel::fvtrack::walkharmonics(logp, sp, nfft, fs, f0, N, hw, freq, lik);
+  return kestrel::fvtrack::choosecut(freq, lik, count, logp);
+}
+
 int estimatefv(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first, uint32_t nframes,
-               const double *f0, double *fv) {
+               const double *f0, double *fv, uint32_t threads) {
   std::memset(fv, 0, sizeof(double) * nframes);
   if (!(fs > 0) || !std::isfinite(fs)) return -1;
   double fmin = 60;
@@ -158,51 +204,18 @@ int estimatefv(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t 
   if (N0 > kMaxFvFft / 4) return -1;
   const uint32_t nfft0 = getwinlengthceilpot2(4 * N0);
 
-  std::vector<double> spectrum(2 * static_cast<size_t>(nfft0));
-  // Per-harmonic frequencies, likeness values, then the log power spectrum
-  // (later the cut likelihoods), as one block.
-  std::vector<double> area(static_cast<size_t>(nfft0 / 2) * 3 + 1);
-  double *freq = area.data();
-  double *lik = freq + nfft0 / 2;
-  double *logp = lik + nfft0 / 2;
-  Plans plans;
-
-  for (uint32_t k = 0; k < nframes; ++k) {
-    const uint32_t c = first + k * shift;
-    if (!isvoiced(f0[k])) {
-      fv[k] = 0;
-      continue;
-    }
-    const uint32_t N = getwinlengthnperiodsodd(3.0, f0[k], fs);
-    const uint32_t half = N / 2;
-    const uint32_t nfft = getwinlengthceilpot2(4 * N);
-    const double df = fs / nfft;
-    const double hwd = std::floor(0.5 * f0[k] / df);
-    const uint32_t hw = (hwd > nfft) ? nfft : static_cast<uint32_t>(hwd);
-
-    // Zero-phase frame: sample c at index 0, c+i at i, c-i at nfft-i.
-    // Every element is written once: the window's two ends (nfft >= 4N
-    // keeps them apart) and zeros elsewhere.
-    double *sp = spectrum.data();
-    sp[0] = (c < n) ? 2 * x[c] : 0.0;
-    sp[1] = 0.0;
-    for (uint32_t i = 1; i <= half; ++i) {
-      const double w = 1 + std::cos(kPi * i / half);
-      double *lo = sp + 2 * static_cast<size_t>(i), *hi = sp + 2 * static_cast<size_t>(nfft - i);
-      lo[0] = (static_cast<uint64_t>(c) + i < n) ? x[c + i] * w : 0.0;
-      lo[1] = 0.0;
-      hi[0] = (i <= c && c - i < n) ? x[c - i] * w : 0.0;
-      hi[1] = 0.0;
-    }
-    std::fill(sp + 2 * (static_cast<size_t>(half) + 1), sp + 2 * static_cast<size_t>(nfft - half), 0.0);
-    plans.forward(nfft, spectrum.data());
-    for (uint32_t j = 0; j <= nfft / 2; ++j) {
-      const double re = spectrum[2 * static_cast<size_t>(j)], im = spectrum[2 * static_cast<size_t>(j) + 1];
-      logp[j] = std::log(re * re + im * im);
-    }
-    const uint32_t count = kestrel::fvtrack::walkharmonics(logp, spectrum.data(), nfft, fs, f0[k], N, hw, freq, lik);
-    fv[k] = kestrel::fvtrack::choosecut(freq, lik, count, logp);
+  threads = kestrel::threadsfor(nframes, kChunkFrames, threads);
+  std::vector<FvWork> work(threads);
+  for (FvWork &w : work) {
+    w.spectrum.resize(2 * static_cast<size_t>(nfft0));
+    w.bins = nfft0 / 2;
+    w.area.resize(w.bins * 3 + 1);
   }
+  // Frames are independent until the median.
+  kestrel::parallelchunks(nframes, kChunkFrames, threads, [&](uint32_t t, uint64_t begin, uint64_t end) {
+    for (uint64_t k = begin; k < end; ++k)
+      if (isvoiced(f0[k])) fv[k] = framefv(x, n, fs, first + static_cast<uint32_t>(k) * shift, f0[k], &work[t]);
+  });
   medianfilt(fv, nframes, 5);
   return 0;
 }
@@ -213,9 +226,14 @@ extern "C" {
 
 int getfvoicing(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first, uint32_t nframes,
                 const double *f0, double *fv) {
+  return getfvoicingthreads(x, n, fs, shift, first, nframes, f0, fv, 1);
+}
+
+int getfvoicingthreads(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first, uint32_t nframes,
+                       const double *f0, double *fv, uint32_t threads) {
   if (nframes == 0) return 0;
   try {
-    return estimatefv(x, n, fs, shift, first, nframes, f0, fv);
+    return estimatefv(x, n, fs, shift, first, nframes, f0, fv, threads);
   } catch (const std::bad_alloc &) {
     std::memset(fv, 0, sizeof(double) * nframes);
     return -1;

@@ -14,6 +14,10 @@ KESTREL_BEGIN_C
  * analysis FFT over 2^20 points (f0 below about 0.18 Hz at 16 kHz). */
 KESTREL_API int getfvoicing(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,
                             uint32_t nframes, const double *f0, double *fv);
+/* getfvoicing with the frames shared among up to threads threads (0 or 1:
+ * the calling thread only); the same fv, bit for bit, for every count. */
+KESTREL_API int getfvoicingthreads(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,
+                                   uint32_t nframes, const double *f0, double *fv, uint32_t threads);
 /* Sinusoidal likeness in [0, 1] of frequency f around bin b (+-h bins) of an
  * nfft-point interleaved spectrum X analysed with an N-point Hann window;
  * bins outside 0 .. nfft-1 are left out, and a band without energy gives 0. */

@@ -33,6 +33,11 @@ KESTREL_API int getpitch(const double *x, uint32_t n, double fs, uint32_t shift,
  * 2^20 samples. */
 KESTREL_API int getpitchdp(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,
                            uint32_t nframes, double f0min, double f0max, double *f0);
+/* getpitchdp with the per-frame work shared among up to threads threads (0
+ * or 1: the calling thread only); the same track, bit for bit, for every
+ * count. */
+KESTREL_API int getpitchdpthreads(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first,
+                                  uint32_t nframes, double f0min, double f0max, double *f0, uint32_t threads);
 /* Circular autocorrelation of nfft interleaved complex values in place
  * (real parts hold the result, scaled by nfft; imaginary parts 0). 0, or -1
  * when nfft is not a power of two up to 2^30 (buf untouched). */

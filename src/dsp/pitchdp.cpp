@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "dft.h"
+#include "parallel.h"
 #include "pitchanalysis.h"
 #include "spectralanalysis.h"
 #include "windowing.h"
@@ -39,6 +40,8 @@ namespace {
 
 // Longest window plus lag span, samples.
 constexpr double kMaxSpan = 1 << 20;
+// Frames a thread takes at a time.
+constexpr uint32_t kChunkFrames = 8;
 // Voiced candidates kept per frame.
 constexpr uint32_t kCandidates = 6;
 // Candidate window, s; never under 1.5 periods of the lowest f0.
@@ -150,7 +153,7 @@ void offer(FrameHypotheses *h, const Candidate &cd) {
 }
 
 int track(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first, uint32_t nframes, double f0min,
-          double f0max, double *f0) {
+          double f0max, double *f0, uint32_t threads) {
   if (!(f0min > 0)) f0min = 60;
   if (!(f0max > f0min)) f0max = 500;
   if (!(fs > 0) || !std::isfinite(fs) || shift == 0 || !std::isfinite(f0min) || !std::isfinite(f0max))
@@ -182,16 +185,19 @@ int track(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first
   auto startof = [&](uint32_t f) { return static_cast<int64_t>(first) + static_cast<int64_t>(f) * shift - offset; };
 
   // Frame energies and the level of the loud frames.
+  threads = kestrel::threadsfor(nframes, kChunkFrames, threads);
   std::vector<double> energy0(nframes);
-  for (uint32_t f = 0; f < nframes; ++f) {
-    double e = 0.0;
-    const int64_t s0 = startof(f);
-    for (uint32_t i = 0; i < W; ++i) {
-      const double v = sampleat(y, n, s0 + i);
-      e += v * v;
+  kestrel::parallelchunks(nframes, kChunkFrames, threads, [&](uint32_t, uint64_t begin, uint64_t end) {
+    for (uint64_t f = begin; f < end; ++f) {
+      double e = 0.0;
+      const int64_t s0 = startof(static_cast<uint32_t>(f));
+      for (uint32_t i = 0; i < W; ++i) {
+        const double v = sampleat(y, n, s0 + i);
+        e += v * v;
+      }
+      energy0[f] = std::isfinite(e) ? e : 0.0;
     }
-    energy0[f] = std::isfinite(e) ? e : 0.0;
-  }
+  });
   std::vector<double> sorted(energy0);
   const size_t pick = static_cast<size_t>(kLoudFraction * static_cast<double>(nframes - 1));
   std::nth_element(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(pick), sorted.end());
@@ -200,14 +206,25 @@ int track(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first
   const double dt = (static_cast<double>(shift) / fs) / 0.01;  // local costs per 10 ms
 
   std::vector<FrameHypotheses> hyps(nframes);
-  std::vector<double> buf(2 * static_cast<size_t>(nfft)), seg(span), nccf(maxlag + 2);
   const double scale = 1.0 / static_cast<double>(nfft);
-  // One pair of plans for every frame: the transforms' bits are those of fftc/ifftc.
+  // One pair of plans for every frame, shared by the threads: the transforms'
+  // bits are those of fftc/ifftc.
   using Plan = std::unique_ptr<FFTPLAN, void (*)(FFTPLAN *)>;
   const Plan forward(fftplancreate(static_cast<int32_t>(nfft), 1), fftplanfree);
   const Plan inverse(fftplancreate(static_cast<int32_t>(nfft), -1), fftplanfree);
   if (!forward || !inverse) return refuse(nframes, f0);
-  for (uint32_t f = 0; f < nframes; ++f) {
+  struct Work {
+    std::vector<double> buf, seg, nccf;
+  };
+  std::vector<Work> work(threads);
+  for (Work &w : work) {
+    w.buf.resize(2 * static_cast<size_t>(nfft));
+    w.seg.resize(span);
+    w.nccf.resize(maxlag + 2);
+  }
+  // Candidates of frame f (frames are independent until the search).
+  auto candidates = [&](uint32_t f, Work &w) {
+    double *buf = w.buf.data(), *seg = w.seg.data(), *nccf = w.nccf.data();
     const int64_t s0 = startof(f);
     for (uint32_t i = 0; i < span; ++i) seg[i] = sampleat(y, n, s0 + i);
     // First window in the real part, the whole span in the imaginary part.
@@ -215,7 +232,7 @@ int track(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first
       buf[2 * i] = i < W ? seg[i] : 0.0;
       buf[2 * i + 1] = i < span ? seg[i] : 0.0;
     }
-    fftplanc(forward.get(), buf.data());
+    fftplanc(forward.get(), buf);
     // Spectra A = (Z_k + conj Z_-k)/2 and B = (Z_k - conj Z_-k)/2j of the two
     // parts; conj(A) B transforms back to the cross-correlation.
     for (uint32_t i = 0; i <= nfft / 2; ++i) {
@@ -231,7 +248,7 @@ int track(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first
         buf[2 * m + 1] = -pi;
       }
     }
-    fftplanc(inverse.get(), buf.data());
+    fftplanc(inverse.get(), buf);
     // Energies of the lagged window slide along the span.
     double e = 0.0;
     for (uint32_t i = 0; i < W; ++i) e += seg[i] * seg[i];
@@ -260,7 +277,10 @@ int track(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first
     const double quiet = std::min(1.0, std::max(0.0, (below - kQuietKnee) / kQuietRange));
     for (uint32_t i = 0; i < h.count; ++i) h.cand[i].cost = (h.cand[i].cost + kQuietWeight * quiet) * dt;
     h.unvoiced = (kVoicingBias + best) * dt;
-  }
+  };
+  kestrel::parallelchunks(nframes, kChunkFrames, threads, [&](uint32_t t, uint64_t begin, uint64_t end) {
+    for (uint64_t f = begin; f < end; ++f) candidates(static_cast<uint32_t>(f), work[t]);
+  });
 
   // Viterbi search: state i < count is voiced candidate i, state count unvoiced.
   constexpr uint32_t kStates = kCandidates + 1;
@@ -294,16 +314,22 @@ int track(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first
   uint32_t state = 0;
   for (uint32_t i = 1; i <= hyps[nframes - 1].count; ++i)
     if (cost[i] < cost[state]) state = i;
+  std::vector<uint8_t> path(nframes);
   for (uint32_t f = nframes; f-- > 0;) {
-    const FrameHypotheses &h = hyps[f];
-    f0[f] = 0.0;
-    if (state < h.count) {
-      const int64_t c = static_cast<int64_t>(first) + static_cast<int64_t>(f) * shift;
-      const double v = fs / refinelag(x, n, c, h.cand[state].lag, minlag, maxlag);
-      f0[f] = std::min(f0max, std::max(f0min, v));
-    }
+    path[f] = static_cast<uint8_t>(state);
     if (f > 0) state = back[static_cast<size_t>(f) * kStates + state];
   }
+  kestrel::parallelchunks(nframes, kChunkFrames, threads, [&](uint32_t, uint64_t begin, uint64_t end) {
+    for (uint64_t f = begin; f < end; ++f) {
+      const FrameHypotheses &h = hyps[f];
+      f0[f] = 0.0;
+      if (path[f] < h.count) {
+        const int64_t c = static_cast<int64_t>(first) + static_cast<int64_t>(f) * shift;
+        const double v = fs / refinelag(x, n, c, h.cand[path[f]].lag, minlag, maxlag);
+        f0[f] = std::min(f0max, std::max(f0min, v));
+      }
+    }
+  });
   return 0;
 }
 
@@ -313,10 +339,15 @@ extern "C" {
 
 int getpitchdp(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first, uint32_t nframes,
                double f0min, double f0max, double *f0) {
+  return getpitchdpthreads(x, n, fs, shift, first, nframes, f0min, f0max, f0, 1);
+}
+
+int getpitchdpthreads(const double *x, uint32_t n, double fs, uint32_t shift, uint32_t first, uint32_t nframes,
+                      double f0min, double f0max, double *f0, uint32_t threads) {
   if (nframes == 0) return 0;
   if (!f0 || (n > 0 && !x)) return f0 ? refuse(nframes, f0) : -1;
   try {
-    return track(x, n, fs, shift, first, nframes, f0min, f0max, f0);
+    return track(x, n, fs, shift, first, nframes, f0min, f0max, f0, threads);
   } catch (const std::bad_alloc &) {
     return refuse(nframes, f0);
   }
