@@ -26,6 +26,7 @@
 #include "dft.h"
 #include "harmonicanalysis.h"
 #include "matvect.h"
+#include "noisephases.h"
 #include "randgen.h"
 #include "simd.h"
 #include "spectralanalysis.h"
@@ -264,21 +265,34 @@ void harmonicrows(bool avx2, uint32_t p, uint32_t nh, double f0, double fs, doub
 
 // gennoisefromlogspectrumr with the frame's draws taken in one batch and the
 // inverse FFT from a plan made once per utterance: the same operations on the
-// same values. draws holds nfft/2 - 1 values.
-void noiseframe(double *buf, uint32_t nfft, double fs, RANDGEN *state, int32_t *draws, const FFTPLAN *inverse) {
-  constexpr double kPhaseStep = 2.925836159896768e-09;  // 2*pi/2147483647
+// same values. The frame's draws are the utterance's draws firstdraw on; those
+// inside the noise-phase table come from it, the rest from *state, which is at
+// draw max(firstdraw, kNoisePhaseDraws) and is advanced past them. draws holds
+// nfft/2 - 1 values.
+void noiseframe(double *buf, uint32_t nfft, double fs, RANDGEN *state, uint64_t firstdraw, int32_t *draws,
+                const FFTPLAN *inverse) {
   double *re = buf;
   double *im = buf + nfft;
   const uint32_t half = nfft / 2;
   const double gain = std::sqrt(fs / static_cast<double>(nfft));
-  randgendraws(state, draws, half - 1);
+  const uint32_t count = half - 1;
+  const uint64_t left = firstdraw < kestrel::kNoisePhaseDraws ? kestrel::kNoisePhaseDraws - firstdraw : 0;
+  const uint32_t intable = left < count ? static_cast<uint32_t>(left) : count;
+  randgendraws(state, draws + intable, count - intable);
+  const double *table = kestrel::noisephases().cs + 2 * (intable > 0 ? firstdraw : 0);
   re[0] = im[0] = 0.0;
   re[half] = im[half] = 0.0;
   for (uint32_t k = 1; k < half; ++k) {
     const double m = std::exp(re[k]) * gain;
-    const double psi = static_cast<double>(draws[k - 1]) * kPhaseStep;
-    im[k] = std::sin(psi) * m;
-    re[k] = std::cos(psi) * m;
+    double c, s;
+    if (k <= intable) {
+      c = table[2 * (k - 1)];
+      s = table[2 * (k - 1) + 1];
+    } else {
+      kestrel::noisephase(draws[k - 1], &c, &s);
+    }
+    im[k] = s * m;
+    re[k] = c * m;
     re[nfft - k] = re[k];
     im[nfft - k] = -im[k];
   }
@@ -350,7 +364,8 @@ struct Utterance {
 
 // What a frame takes from the frames before it, fixed by the serial pre-pass.
 struct FrameState {
-  RANDGEN noise;  // generator at the frame's first draw
+  RANDGEN noise;       // generator at draw max(firstdraw, kNoisePhaseDraws)
+  uint64_t firstdraw;  // the frame's first noise draw in the utterance
   double f;       // f0 after the range and fv checks (0: unvoiced)
   double fvi;     // maximum voiced frequency (voiced frames)
   double phi;     // phase of the fundamental at the frame centre
@@ -420,7 +435,7 @@ const double *synthframe(const Utterance &u, double *c, const FrameState &st, RA
   if (f > 0) applyhpfilterlog(u.nenv, kGridStep, grid, st.fvi);
 
   resamplelogampenv(kGridStep, grid, u.nenv, dfbin, re + 1, nbins);
-  noiseframe(re, u.nfft, u.fs, noise, w->draws.data(), u.inverse);
+  noiseframe(re, u.nfft, u.fs, noise, st.firstdraw, w->draws.data(), u.inverse);
 
   if (f > 0) {
     uint32_t nh = hanoharms(u.fs, st.fvi, f);
@@ -475,7 +490,8 @@ struct CCSTREAM {
   std::vector<FrameWork> work;
   std::vector<FrameState> states;
   FFTPLAN *inverse = nullptr;
-  RANDGEN noise{};
+  RANDGEN noise{};    // at draw max(drawn, kNoisePhaseDraws)
+  uint64_t drawn = 0;  // noise draws of the frames so far
   double phi = 0.0, f0prev = 0.0;
   uint64_t nframes = 0;  // frames synthesised
   bool finished = false;
@@ -567,7 +583,7 @@ struct CCSTREAM {
     if (!inverse) return false;
     u.inverse = inverse;
     u.envm = envm.data();
-    randgenseed(&noise, 0);
+    noise = kestrel::noisephases().after;
     // A worker that cannot be started leaves its frames to the others.
     for (uint32_t t = 1; t < threads; ++t) {
       try {
@@ -580,9 +596,12 @@ struct CCSTREAM {
   }
 
   // The state of the next frame (f0 track value f0, fv track value fvtrack,
-  // cepstrum c) from the frames before it; the generator is left as it is.
+  // cepstrum c) from the frames before it. The draw count moves past the
+  // frame's draws; the generator is left for the caller to advance.
   void nextstate(double f0, double fvtrack, const double *c, FrameState *st) {
     st->noise = noise;
+    st->firstdraw = drawn;
+    drawn += u.nfft / 2 - 1;
     st->f = voicing(u, fvtrack, f0, c, &st->fvi);
     if (st->f > 0) {
       if (f0prev > 0)
@@ -668,8 +687,11 @@ struct CCSTREAM {
         if (upto > out + depth) upto = out + depth;
         for (; fixed < upto; ++fixed) {
           const uint64_t j = fixed - first;
-          nextstate(f0[j], fv ? fv[j] : 0.0, cc + j * u.p1, &states[fixed % depth]);
-          randgendraws(&noise, work[0].draws.data(), nbins);
+          FrameState &st = states[fixed % depth];
+          nextstate(f0[j], fv ? fv[j] : 0.0, cc + j * u.p1, &st);
+          // The draws the frame takes from the generator, past the table.
+          const uint64_t past = drawn > kestrel::kNoisePhaseDraws ? drawn - kestrel::kNoisePhaseDraws : 0;
+          randgendraws(&noise, work[0].draws.data(), static_cast<uint32_t>(past < nbins ? past : nbins));
         }
         {
           std::lock_guard<std::mutex> l(m);
