@@ -2,7 +2,7 @@
 # Speed against the WORLD vocoder, measured side by side in one run: per round
 # (ROUNDS, default 3) the WORLD anchor times its DIO analysis and its synthesis
 # on every recording, then each Kestrel build times the same files:
-#  - library calls: build/libtime_eval (process CPU time of getpitch +
+#  - library calls: build/libtime_eval (process CPU time of getpitchdp +
 #    getfvoicing + waveform2cc, and of cc2waveform);
 #  - whole commands: kestrelana and kestrelsyn processes (user + system CPU
 #    time of the child process), WAV to features and features to WAV.

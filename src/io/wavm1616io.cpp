@@ -169,7 +169,7 @@ uint32_t wavreadm1616(const char *path, double **x) {
   // the file holds is refused before anything is allocated for it.
   const uint64_t dataoffset = 28u + static_cast<uint64_t>(fmtsize);
   if (filesize < dataoffset || filesize - dataoffset < 2u * static_cast<uint64_t>(n)) return 0;
-  if (n > SIZE_MAX / sizeof(double)) return 0;
+  static_assert(SIZE_MAX / sizeof(double) >= UINT32_MAX, "a 32-bit sample count must fit an allocation size");
   auto *bytes = static_cast<unsigned char *>(std::malloc(static_cast<size_t>(n) * sizeof(double)));
   if (!bytes) return 0;
   if (std::fread(bytes, sizeof(int16_t), n, f.get()) != n) {
