@@ -9,7 +9,9 @@
 // reader (bit-exact samples); anything else libsndfile reads (other rates,
 // channel counts, sample formats, FLAC, OGG, ...) is mixed down to mono by
 // averaging the channels and resampled to 16 kHz with libsoxr. Only this
-// program links those two libraries; the kestrel library does not.
+// program uses those two libraries, loaded when a recording first needs them;
+// the kestrel library does not.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sndfile.h>
 #include <soxr.h>
@@ -221,11 +223,59 @@ struct Signal {
   uint32_t size() const { return exact ? nexact : static_cast<uint32_t>(converted.size()); }
 };
 
+// libsndfile and libsoxr, loaded when a recording first needs them: most
+// recordings are 16-bit mono 16 kHz WAV files, which the exact reader takes,
+// and a run on them does not load a dozen codec libraries. Loaded once per
+// process and never changed after.
+struct AudioLibs {
+  decltype(&::sf_open) open = nullptr;
+  decltype(&::sf_close) close = nullptr;
+  decltype(&::sf_strerror) strerror = nullptr;
+  decltype(&::sf_readf_double) readf_double = nullptr;
+  decltype(&::sf_error) error = nullptr;
+  decltype(&::soxr_create) soxr_create = nullptr;
+  decltype(&::soxr_process) soxr_process = nullptr;
+  decltype(&::soxr_delete) soxr_delete = nullptr;
+  decltype(&::soxr_io_spec) soxr_io_spec = nullptr;
+  decltype(&::soxr_quality_spec) soxr_quality_spec = nullptr;
+  std::string missing;  // the library that could not be loaded, if any
+};
+
+template <class F>
+void bind(void *lib, const char *name, F *f) {
+  *f = lib ? reinterpret_cast<F>(::dlsym(lib, name)) : nullptr;
+}
+
+const AudioLibs &audiolibs() {
+  static const AudioLibs libs = [] {
+    AudioLibs l;
+    // The run-time names of the libraries the build found (Debian: libsndfile1, libsoxr0).
+    void *sndfile = ::dlopen("libsndfile.so.1", RTLD_NOW | RTLD_LOCAL);
+    void *soxr = ::dlopen("libsoxr.so.0", RTLD_NOW | RTLD_LOCAL);
+    bind(sndfile, "sf_open", &l.open);
+    bind(sndfile, "sf_close", &l.close);
+    bind(sndfile, "sf_strerror", &l.strerror);
+    bind(sndfile, "sf_readf_double", &l.readf_double);
+    bind(sndfile, "sf_error", &l.error);
+    bind(soxr, "soxr_create", &l.soxr_create);
+    bind(soxr, "soxr_process", &l.soxr_process);
+    bind(soxr, "soxr_delete", &l.soxr_delete);
+    bind(soxr, "soxr_io_spec", &l.soxr_io_spec);
+    bind(soxr, "soxr_quality_spec", &l.soxr_quality_spec);
+    if (!l.open || !l.close || !l.strerror || !l.readf_double || !l.error)
+      l.missing = "libsndfile.so.1";
+    else if (!l.soxr_create || !l.soxr_process || !l.soxr_delete || !l.soxr_io_spec || !l.soxr_quality_spec)
+      l.missing = "libsoxr.so.0";
+    return l;
+  }();
+  return libs;
+}
+
 struct SndfileCloser {
-  void operator()(SNDFILE *f) const { sf_close(f); }
+  void operator()(SNDFILE *f) const { audiolibs().close(f); }
 };
 struct SoxrDeleter {
-  void operator()(soxr *r) const { soxr_delete(r); }
+  void operator()(soxr *r) const { audiolibs().soxr_delete(r); }
 };
 
 void countrails(const double *v, size_t n, Signal *sig) {
@@ -248,10 +298,11 @@ bool appendsamples(const double *v, size_t n, Signal *sig, const char *path, Log
 // resampler and appends everything it gives back.
 bool resample(soxr_t r, const double *v, size_t n, std::vector<double> *out, Signal *sig, const char *path,
               Log &log) {
+  const AudioLibs &lib = audiolibs();
   size_t used = 0;
   for (;;) {
     size_t idone = 0, odone = 0;
-    const soxr_error_t err = soxr_process(r, v ? v + used : nullptr, v ? n - used : 0, &idone,
+    const soxr_error_t err = lib.soxr_process(r, v ? v + used : nullptr, v ? n - used : 0, &idone,
                                           out->data(), out->size(), &odone);
     if (err) {
       log.error("could not resample %s (%s).", path, reason(soxr_strerror(err)).c_str());
@@ -273,11 +324,17 @@ bool resample(soxr_t r, const double *v, size_t n, std::vector<double> *out, Sig
 // Everything libsndfile reads: mixed down to mono (channel average) and
 // resampled to 16 kHz unless it already is at 16 kHz.
 bool readwithsndfile(const char *path, Signal *sig, Log &log) {
+  const AudioLibs &lib = audiolibs();
+  if (!lib.missing.empty()) {
+    log.error("%s is not a 16 kHz mono 16-bit WAV file, and %s, which reads other formats, could not be loaded.", path,
+              lib.missing.c_str());
+    return false;
+  }
   SF_INFO info;
   std::memset(&info, 0, sizeof info);
-  std::unique_ptr<SNDFILE, SndfileCloser> sf(sf_open(path, SFM_READ, &info));
+  std::unique_ptr<SNDFILE, SndfileCloser> sf(lib.open(path, SFM_READ, &info));
   if (!sf) {
-    log.error("%s is not an audio file that can be read (%s).", path, reason(sf_strerror(nullptr)).c_str());
+    log.error("%s is not an audio file that can be read (%s).", path, reason(lib.strerror(nullptr)).c_str());
     return false;
   }
   if (info.frames <= 0) {
@@ -301,9 +358,9 @@ bool readwithsndfile(const char *path, Signal *sig, Log &log) {
   std::vector<double> resampled;
   if (needresampling) {
     soxr_error_t err = nullptr;
-    const soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT64_I, SOXR_FLOAT64_I);
-    const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_VHQ, 0);
-    resampler.reset(soxr_create(static_cast<double>(info.samplerate), kFs, 1, &err, &io, &quality, nullptr));
+    const soxr_io_spec_t io = lib.soxr_io_spec(SOXR_FLOAT64_I, SOXR_FLOAT64_I);
+    const soxr_quality_spec_t quality = lib.soxr_quality_spec(SOXR_VHQ, 0);
+    resampler.reset(lib.soxr_create(static_cast<double>(info.samplerate), kFs, 1, &err, &io, &quality, nullptr));
     if (!resampler || err) {
       log.error("could not resample %s (%s).", path, reason(soxr_strerror(err)).c_str());
       return false;
@@ -316,7 +373,7 @@ bool readwithsndfile(const char *path, Signal *sig, Log &log) {
 
   std::vector<double> block(kBlockFrames * nch), mono(kBlockFrames);
   for (;;) {
-    const sf_count_t got = sf_readf_double(sf.get(), block.data(), static_cast<sf_count_t>(kBlockFrames));
+    const sf_count_t got = lib.readf_double(sf.get(), block.data(), static_cast<sf_count_t>(kBlockFrames));
     if (got <= 0) break;
     const size_t nf = static_cast<size_t>(got);
     countrails(block.data(), nf * nch, sig);
@@ -333,8 +390,8 @@ bool readwithsndfile(const char *path, Signal *sig, Log &log) {
                                    : appendsamples(mono.data(), nf, sig, path, log);
     if (!ok) return false;
   }
-  if (sf_error(sf.get()) != SF_ERR_NO_ERROR) {
-    log.error("could not read %s (%s).", path, reason(sf_strerror(sf.get())).c_str());
+  if (lib.error(sf.get()) != SF_ERR_NO_ERROR) {
+    log.error("could not read %s (%s).", path, reason(lib.strerror(sf.get())).c_str());
     return false;
   }
   if (needresampling && !resample(resampler.get(), nullptr, 0, &resampled, sig, path, log)) return false;
