@@ -552,10 +552,16 @@ struct CCSTREAM {
     threads = nthreads == 0 ? 1 : (nthreads > kMaxThreads ? kMaxThreads : nthreads);
     // Frames in flight: enough to keep every thread busy, few enough that
     // their segments stay small.
+    // Frames so long that two per thread would not fit the work-area limit
+    // get fewer threads.
+    if (threads > 1) {
+      const uint64_t fit = kMaxWorkDoubles / twoshift;  // at least 64 segments
+      if (threads > fit / 2) threads = static_cast<uint32_t>(fit / 2 > 1 ? fit / 2 : 1);
+    }
     if (threads > 1) {
       depth = kRingDoubles / twoshift;
       if (depth > kMaxRingFrames) depth = kMaxRingFrames;
-      if (depth < 4 * static_cast<uint64_t>(threads)) depth = 4 * static_cast<uint64_t>(threads);
+      if (depth < 2 * static_cast<uint64_t>(threads)) depth = 2 * static_cast<uint64_t>(threads);
     }
     const uint64_t envgroups = (static_cast<uint64_t>(u.nenv) + kLanes - 1) / kLanes;
     try {
