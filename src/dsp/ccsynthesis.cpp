@@ -550,14 +550,14 @@ struct CCSTREAM {
     const uint64_t nmat = p1 * rows;
     if (nmat > kMaxWorkDoubles || nmat + rows + 2 * static_cast<uint64_t>(u.nfft) > kMaxWorkDoubles) return false;
     threads = nthreads == 0 ? 1 : (nthreads > kMaxThreads ? kMaxThreads : nthreads);
-    // Frames in flight: enough to keep every thread busy, few enough that
-    // their segments stay small.
     // Frames so long that two per thread would not fit the work-area limit
     // get fewer threads.
     if (threads > 1) {
       const uint64_t fit = kMaxWorkDoubles / twoshift;  // at least 64 segments
       if (threads > fit / 2) threads = static_cast<uint32_t>(fit / 2 > 1 ? fit / 2 : 1);
     }
+    // Frames in flight: enough to keep every thread busy, few enough that
+    // their segments stay small.
     if (threads > 1) {
       depth = kRingDoubles / twoshift;
       if (depth > kMaxRingFrames) depth = kMaxRingFrames;
@@ -655,12 +655,12 @@ struct CCSTREAM {
       // Frames usually follow within microseconds (the next batch of states,
       // or the next push after the caller has taken its samples): look again
       // for a while before sleeping, since waking a thread costs far longer.
-      if (spinfor(kSpinTime, [&] { return claimed.load(std::memory_order_relaxed) < published.load(std::memory_order_relaxed); }))
-        continue;
+      const auto pending = [&] {
+        return claimed.load(std::memory_order_relaxed) < published.load(std::memory_order_relaxed);
+      };
+      if (spinfor(kSpinTime, pending)) continue;
       std::unique_lock<std::mutex> l(m);
-      wake.wait(l, [&] {
-        return stop || claimed.load(std::memory_order_relaxed) < published.load(std::memory_order_relaxed);
-      });
+      wake.wait(l, [&] { return stop || pending(); });
       if (stop) return;
     }
   }
