@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "support/scratchdir.h"
+#include "support/cliutil.h"
 
 namespace {
 
@@ -20,34 +20,16 @@ using namespace kestreltest;
 using WavFileTest = ScratchDirTest;
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-// A chunk: a 4-character tag, a little-endian 32-bit size, then the body.
-Bytes chunk(const char *tag, uint32_t size, Bytes body = {}) {
-  Bytes b(tag, tag + 4);
-  for (int k = 0; k < 4; ++k) b.push_back(static_cast<unsigned char>(size >> (8 * k)));
-  b.insert(b.end(), body.begin(), body.end());
-  return b;
+// The file the writer makes for the 16-bit samples s.
+Bytes written(const std::vector<int> &s, const WavLayout &layout = {}) {
+  std::vector<double> x;
+  for (int v : s) x.push_back(v / 32768.0);
+  return wavbytes(layout, x);
 }
-Bytes le16(std::vector<int> v) {
-  Bytes b;
-  for (int x : v) b.insert(b.end(), {static_cast<unsigned char>(x & 0xFF), static_cast<unsigned char>(x >> 8 & 0xFF)});
+// b with its n-byte little-endian field at offset set to v.
+Bytes with(Bytes b, size_t offset, uint32_t v, int n) {
+  for (int k = 0; k < n; ++k) b[offset + k] = static_cast<unsigned char>(v >> (8 * k));
   return b;
-}
-// A hand-assembled file with every header field chosen by the caller (the
-// RIFF size, byte rate and block align default to values the reader ignores).
-Bytes makewav(int format, int channels, uint32_t rate, int bits, uint32_t fmtsize, const Bytes &between,
-              const std::vector<int> &samples, uint32_t datasize, uint32_t riffsize = 0xDEADBEEF,
-              uint32_t byterate = 12345, int align = 7) {
-  Bytes fmt = le16({format, channels, static_cast<int>(rate & 0xFFFF), static_cast<int>(rate >> 16),
-                    static_cast<int>(byterate & 0xFFFF), static_cast<int>(byterate >> 16), align, bits});
-  fmt.resize(fmtsize < 16 ? 16 : fmtsize, 0x55);
-  Bytes b = chunk("RIFF", riffsize, {'W', 'A', 'V', 'E'});
-  for (const Bytes &part : {chunk("fmt ", fmtsize, fmt), between, chunk("data", datasize, le16(samples))})
-    b.insert(b.end(), part.begin(), part.end());
-  return b;
-}
-// A file as the writer makes it.
-Bytes written(const std::vector<int> &s) {
-  return makewav(1, 1, 16000, 16, 16, {}, s, uint32_t(2 * s.size()), uint32_t(36 + 2 * s.size()), 32000, 2);
 }
 
 TEST(WavConversion, TruncationSaturationNormalisationAndInPlaceConversion) {
@@ -88,7 +70,7 @@ TEST_F(WavFileTest, HeaderSamplesAndTheInputFlags) {
     ASSERT_EQ(wavwritem1616(path("a.wav").c_str(), x.data(), uint32_t(x.size()), r.norm, r.keep), x.size());
     EXPECT_EQ(readbytes(path("a.wav")), written(r.samples)) << int(r.norm) << int(r.keep);
     if (!r.after.empty()) EXPECT_EQ(x, r.after);
-    else EXPECT_EQ(std::memcmp(x.data(), le16(r.samples).data(), 2 * x.size()), 0);
+    else EXPECT_EQ(std::memcmp(x.data(), std::vector<int16_t>(r.samples.begin(), r.samples.end()).data(), 2 * x.size()), 0);
   }
 }
 
@@ -113,21 +95,20 @@ TEST_F(WavFileTest, EmptyUncreatableAndFailedWrites) {
 }
 
 TEST_F(WavFileTest, ReaderAcceptsOnlyMono16k16BitPcm) {
+  // The header offsets: 4 RIFF size, 16 fmt size, 20 format, 22 channels, 24
+  // rate, 28 byte rate, 32 block align, 34 bits, 40 data size.
   const std::vector<int> s = {100, -200, 300};
-  const Bytes plain = makewav(1, 1, 16000, 16, 16, {}, s, 6);
-  Bytes truncated = plain, notriff = plain, notwave = plain;
-  truncated.pop_back();  // one byte of the last sample missing
-  notriff[0] = 'X';
-  notwave[8] = 'w';
+  const Bytes w = written(s), junk = with(with(with(w, 4, 0xDEADBEEF, 4), 28, 12345, 4), 32, 7, 2);
+  WavLayout fmt18, list;
+  fmt18.fmtextra = 2;
+  list.listchunk = true;
   const struct { const char *name; Bytes file; uint32_t n; } cases[] = {
-      {"plain", plain, 3}, {"fmt18", makewav(1, 1, 16000, 16, 18, {}, s, 6), 3},
-      {"oddsize", makewav(1, 1, 16000, 16, 16, {}, s, 5), 2}, {"surplus", makewav(1, 1, 16000, 16, 16, {}, s, 4), 2},
-      {"rate44k", makewav(1, 1, 44100, 16, 16, {}, s, 6), 0}, {"stereo", makewav(1, 2, 16000, 16, 16, {}, s, 6), 0},
-      {"8bit", makewav(1, 1, 16000, 8, 16, {}, s, 6), 0}, {"float", makewav(3, 1, 16000, 16, 16, {}, s, 6), 0},
-      {"listchunk", makewav(1, 1, 16000, 16, 16, chunk("LIST", 4, {'a', 'b', 'c', 'd'}), s, 6), 0},
-      {"data1", makewav(1, 1, 16000, 16, 16, {}, s, 1), 0}, {"fmt14", makewav(1, 1, 16000, 16, 14, {}, s, 6), 0},
-      {"claimshuge", makewav(1, 1, 16000, 16, 16, {}, s, 0xFFFFFFF0u), 0},
-      {"truncated", truncated, 0}, {"notriff", notriff, 0}, {"notwave", notwave, 0}, {"short", chunk("RIFF", 4), 0}};
+      {"plain", w, 3}, {"unusedfields", junk, 3}, {"fmt18", written(s, fmt18), 3}, {"oddsize", with(w, 40, 5, 4), 2},
+      {"surplus", with(w, 40, 4, 4), 2}, {"rate44k", with(w, 24, 44100, 4), 0}, {"stereo", with(w, 22, 2, 2), 0},
+      {"8bit", with(w, 34, 8, 2), 0}, {"float", with(w, 20, 3, 2), 0}, {"listchunk", written(s, list), 0},
+      {"data1", with(w, 40, 1, 4), 0}, {"fmt14", with(w, 16, 14, 4), 0}, {"claimshuge", with(w, 40, 0xFFFFFFF0u, 4), 0},
+      {"truncated", Bytes(w.begin(), w.end() - 1), 0}, {"notriff", with(w, 0, 'X', 1), 0},
+      {"notwave", with(w, 8, 'w', 1), 0}, {"short", with(Bytes(w.begin(), w.begin() + 8), 4, 4, 4), 0}};
   for (const auto &c : cases) {
     writebytes(path(c.name), c.file);
     double sentinel = 0.0, *v = &sentinel;
