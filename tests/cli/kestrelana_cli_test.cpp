@@ -51,38 +51,30 @@ double rmsdb(const std::vector<double> &x) {
   return 10.0 * std::log10(s / double(x.size()));
 }
 
-// Lag in samples (positive: y late) of the cross-correlation peak, within
-// +-240, of the two signals' energy envelopes: dB over 10 ms every 4 samples,
-// floored 80 dB below the peak, mean removed.
+// Lag in samples (positive: y late), within +-240, at which the two signals'
+// energy envelopes (dB over 10 ms every 4 samples, floored 80 dB below the
+// peak) differ least on average.
 int envelopelag(const std::vector<double> &x, const std::vector<double> &y) {
-  const size_t n = std::min(x.size(), y.size());
-  auto envelope = [n](const std::vector<double> &s) {
+  auto envelope = [n = std::min(x.size(), y.size())](const std::vector<double> &s) {
     std::vector<double> e;
     for (size_t k = 0; k + 160 <= n; k += 4) e.push_back(rmsdb(std::vector<double>(&s[k], &s[k] + 160)));
-    const double top = *std::max_element(e.begin(), e.end());
-    double mean = 0.0;
-    for (double &v : e) mean += (v = std::max(v, top - 80.0)) / double(e.size());
-    for (double &v : e) v -= mean;
+    const double floor = *std::max_element(e.begin(), e.end()) - 80.0;
+    for (double &v : e) v = std::max(v, floor);
     return e;
   };
   const std::vector<double> a = envelope(x), b = envelope(y);
-  const long m = long(a.size());
-  std::pair<double, int> best{-1e300, 0};
-  for (int lag = -60; lag <= 60; ++lag) {
-    double r = 0.0;
-    for (long i = std::max(0L, -long(lag)); i < std::min(m, m - lag); ++i) r += a[size_t(i)] * b[size_t(i + lag)];
-    best = std::max(best, {r / double(m - std::abs(lag)), lag});
+  std::pair<double, int> best{1e300, 0};
+  for (long lag = -60, m = long(a.size()); lag <= 60; ++lag) {
+    double d = 0.0;
+    for (long i = std::max(0L, -lag); i < std::min(m, m - lag); ++i) d += std::fabs(a[size_t(i)] - b[size_t(i + lag)]);
+    best = std::min(best, {d / double(m - std::labs(lag)), int(lag)});
   }
   return 4 * best.second;
 }
 
 // The smallest frame count >= 1 whose resynthesis, (count + 1) shift + 1
 // samples, is not shorter than the recording's n.
-uint32_t expectedframes(uint64_t n, uint64_t shift) {
-  uint64_t k = 1;
-  while ((k + 1) * shift + 1 < n) ++k;
-  return uint32_t(k);
-}
+uint32_t expectedframes(uint64_t n, uint64_t shift) { return uint32_t(std::max<uint64_t>(1, (n - 2) / shift)); }
 
 // Median Hz of the voiced frames of a log-f0 track (of fv when given).
 double voicedmedian(const std::vector<float> &lf0, const std::vector<float> &fv = {}) {
@@ -99,11 +91,6 @@ class KestrelanaCli : public CliTest {
     expectrun(KESTRELANA_PATH, s, status, out);
   }
   void syn(const std::string &s) { expectrun(KESTRELSYN_PATH, s, 0, ""); }
-  std::set<std::string> list(const std::string &sub = "") {
-    std::set<std::string> names;
-    for (const auto &e : fs::directory_iterator(dir + sub)) names.insert(e.path().filename().string());
-    return names;
-  }
 };
 
 TEST_F(KestrelanaCli, HelpAndArgumentErrorsExit255WithoutOutput) {
@@ -127,7 +114,7 @@ TEST_F(KestrelanaCli, HelpAndArgumentErrorsExit255WithoutOutput) {
            {"--order=4294967297", "0...255"}, {"--refine=-4294967295", "0...1"}})  // not wrapped to 32 bits
     rows.push_back({W + o.first, "Error: " + std::string(o.first) + " is out of range [" + o.second + "].\n"});
   for (const auto &row : rows) check(row.first, row.second, 255);
-  EXPECT_EQ(list(), std::set<std::string>{"in.wav"});
+  EXPECT_EQ(names(), std::set<std::string>{"in.wav"});
 }
 
 TEST_F(KestrelanaCli, OptionsAtTheirLimitsAreAccepted) {
@@ -257,7 +244,7 @@ TEST_F(KestrelanaCli, BadInputsEndTheUtteranceCleanly) {
       {"nan.wav", "Error: @/in/nan.wav holds samples that are not finite numbers.\n"}, {"onestep.wav", ""}};
   for (const auto &row : rows) {
     check("@/in/" + std::string(row.first) + " @/out/o.lf0 @/out/o.cc @/out/o.fv", row.second);
-    EXPECT_EQ(list("/out").size(), *row.second ? 0u : 3u) << row.first;
+    EXPECT_EQ(names("/out").size(), *row.second ? 0u : 3u) << row.first;
   }
   writewav16k(at("@/utt001.wav"), harmonicsignal(120.0, 16000.0, 0.5));
   writewav16k(at("@/utt3.wav"), harmonicsignal(120.0, 16000.0, 0.5));
@@ -313,8 +300,8 @@ TEST_F(KestrelanaCli, OutputProblemsLeaveEveryFileAsItWas) {
     check(row.first, row.second);
     EXPECT_EQ(bytes("@/in.wav"), wav);
     EXPECT_EQ(bytes("@/good/o.lf0"), (Bytes{'o', 'l', 'd'})) << row.first;
-    EXPECT_EQ(list(), (std::set<std::string>{"in.wav", "good", "isdir", "link"})) << row.first;
-    EXPECT_EQ(list("/good").size() + list("/isdir").size(), 1u) << row.first;
+    EXPECT_EQ(names(), (std::set<std::string>{"in.wav", "good", "isdir", "link"})) << row.first;
+    EXPECT_EQ(names("/good").size() + names("/isdir").size(), 1u) << row.first;
   }
   // A device is written directly, and may stand for more than one output.
   check(W + "/dev/null @/o.cc /dev/null", "");
