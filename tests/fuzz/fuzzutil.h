@@ -55,11 +55,9 @@ class Bytes {
   Bytes(const uint8_t *data, size_t size) : p_(data), n_(size) {}
   template <class T>
   T take() {
+    T v{};  // the bytes missing at the end stay zero
     const Bytes b = split(sizeof(T));
-    unsigned char raw[sizeof(T)] = {};
-    if (b.n_) std::memcpy(raw, b.p_, b.n_);
-    T v;
-    std::memcpy(&v, raw, sizeof(T));
+    if (b.n_) std::memcpy(&v, b.p_, b.n_);
     return v;
   }
   const uint8_t *rest() const { return p_; }
