@@ -32,7 +32,7 @@ Bytes with(Bytes b, size_t offset, uint32_t v, int n) {
   return b;
 }
 
-TEST(WavConversion, TruncationSaturationNormalisationAndInPlaceConversion) {
+TEST(WavConversion, TruncationSaturationAndInPlaceConversion) {
   const struct { double x; int16_t s; } cases[] = {
       {1.0, 32767}, {-1.0, -32768}, {0.25, 8192}, {-0.99999, -32767}, {0.5 / 32768, 0}, {-1.5 / 32768, -1},
       {0.999969482421875, 32767}, {std::nextafter(0.999969482421875, 0.0), 32766}, {std::nextafter(-1.0, 0.0), -32767},
@@ -47,24 +47,17 @@ TEST(WavConversion, TruncationSaturationNormalisationAndInPlaceConversion) {
   wavdouble2short(8, x.data(), reinterpret_cast<int16_t *>(x.data()));
   wavshort2double(8, reinterpret_cast<const int16_t *>(x.data()), x.data());
   EXPECT_EQ(x, (std::vector<double>{0.25, -0.5, 0.999969482421875, -1.0, 0.0, 3.0 / 32768, -7.0 / 32768, 0.125}));
-  // Peak |-0.5|: gain 0.99 / 0.5; a NaN is never the peak; all zero gives NaN samples.
-  const struct { std::vector<double> in, out; } norm[] = {
-      {{0.25, -0.5, 0.1}, {0.25 * 1.98, -0.99, 0.1 * 1.98}}, {{kNaN, 0.5}, {kNaN, 0.99}}, {{0.0, 0.0}, {kNaN, kNaN}}};
-  for (const auto &c : norm) {
-    std::vector<double> y = c.in;
-    EXPECT_EQ(wavampnormalize(y.data(), static_cast<uint32_t>(y.size())), 0u);
-    for (size_t i = 0; i < y.size(); ++i) EXPECT_TRUE(y[i] == c.out[i] || (std::isnan(y[i]) && std::isnan(c.out[i])));
-  }
 }
 
-TEST_F(WavFileTest, HeaderSamplesAndTheInputFlags) {
-  // keep-input 1 keeps the caller's doubles, any other value converts in place.
+// Normalising scales the peak magnitude (a NaN is never the peak) to 0.99;
+// keep-input 1 keeps the caller's doubles, any other value converts in place.
+TEST_F(WavFileTest, HeaderSamplesNormalisationAndTheInputFlags) {
   const struct { int8_t norm; uint8_t keep; std::vector<double> in, after; std::vector<int> samples; } rows[] = {
       {0, 1, {1.0, -1.0, 0.25}, {1.0, -1.0, 0.25}, {32767, -32768, 8192}},
       {0, 0, {0.5, -0.25, 0.0, 0.75}, {}, {16384, -8192, 0, 24576}},
       {1, 1, {0.1, -0.5, 0.25}, {0.1 * 1.98, -0.99, 0.25 * 1.98}, {6488, -32440, 16220}},  // truncated
       {2, 2, {0.1, -0.5}, {}, {3276, -16384}}, {-1, 1, {0.1, -0.5}, {0.1, -0.5}, {3276, -16384}},
-      {1, 0, {0.0, 0.0}, {}, {-32768, -32768}}};  // NaN after normalising saturates low
+      {1, 0, {kNaN, 0.5}, {}, {-32768, 32440}}, {1, 0, {0.0, 0.0}, {}, {-32768, -32768}}};  // all zero: NaN, saturated low
   for (const auto &r : rows) {
     std::vector<double> x = r.in;
     ASSERT_EQ(wavwritem1616(path("a.wav").c_str(), x.data(), uint32_t(x.size()), r.norm, r.keep), x.size());
