@@ -1,6 +1,7 @@
 // Shared pieces of the fuzz targets: a private scratch directory per process,
-// files written from fuzz bytes, and a reader of structured values that never
-// runs past the input (missing bytes read as zeros).
+// files written from fuzz bytes, a program's main run on an argument list, and
+// a reader of structured values that never runs past the input (missing bytes
+// read as zeros).
 #ifndef KESTREL_TESTS_FUZZ_FUZZUTIL_H
 #define KESTREL_TESTS_FUZZ_FUZZUTIL_H
 
@@ -13,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace kestrelfuzz {
 
@@ -37,9 +39,15 @@ inline void writefile(const std::string &path, const uint8_t *data, size_t size)
   std::fclose(f);
 }
 
-// The programs print their messages on stdout: keep the fuzzer's log readable.
-inline void silencestdout() {
-  if (!std::freopen("/dev/null", "w", stdout)) std::abort();
+// Runs a program's main on args (args[0] the program name). The programs print
+// their messages on stdout: it goes to /dev/null to keep the fuzzer's log readable.
+inline int runmain(int (*progmain)(int, char **), std::vector<std::string> args) {
+  static const bool silenced = std::freopen("/dev/null", "w", stdout) != nullptr;
+  if (!silenced) std::abort();
+  std::vector<char *> argv;
+  for (auto &a : args) argv.push_back(&a[0]);
+  argv.push_back(nullptr);
+  return progmain(static_cast<int>(args.size()), argv.data());
 }
 
 class Bytes {
@@ -47,11 +55,9 @@ class Bytes {
   Bytes(const uint8_t *data, size_t size) : p_(data), n_(size) {}
   template <class T>
   T take() {
+    T v{};  // the bytes missing at the end stay zero
     const Bytes b = split(sizeof(T));
-    unsigned char raw[sizeof(T)] = {};
-    if (b.n_) std::memcpy(raw, b.p_, b.n_);
-    T v;
-    std::memcpy(&v, raw, sizeof(T));
+    if (b.n_) std::memcpy(&v, b.p_, b.n_);
     return v;
   }
   const uint8_t *rest() const { return p_; }

@@ -16,11 +16,6 @@ constexpr double kMaxSeconds = 0.5;
 constexpr sf_count_t kMaxInputValues = 200000;  // frames x channels read
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  kestrelfuzz::silencestdout();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   using kestrelfuzz::scratchfile;
   kestrelfuzz::Bytes in(data, size);
@@ -28,8 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const auto flags = in.take<uint8_t>();
   const std::string wav = scratchfile("in.wav");
   kestrelfuzz::writefile(wav, in.rest(), in.left());
-  SF_INFO info;
-  std::memset(&info, 0, sizeof info);
+  SF_INFO info{};
   if (SNDFILE *sf = sf_open(wav.c_str(), SFM_READ, &info)) {
     sf_close(sf);
     if (info.samplerate > 0 && info.channels > 0 &&
@@ -42,9 +36,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   args.push_back("--method=" + std::to_string(method));
   args.push_back("--lframe=" + std::to_string(40 + (flags >> 2) % 64));
   if (flags & 2) args.push_back("--refine=1");
-  std::vector<char *> argv;
-  for (auto &a : args) argv.push_back(&a[0]);
-  argv.push_back(nullptr);
-  kestrelana_main(static_cast<int>(args.size()), argv.data());
+  kestrelfuzz::runmain(kestrelana_main, args);
   return 0;
 }

@@ -25,10 +25,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   char **list = args.data();
   for (uint32_t k = 0; k < n; ++k) isparam(list[k]);
 
-  int32_t i32 = 0;
-  double d = 0.0;
-  searchintparam(n, list, "lframe", &i32);
-  searchdoubleparam(n, list, "fdur", &d);
+  int32_t lframe = 0;
+  double fdur = 0.0;
+  searchintparam(n, list, "lframe", &lframe);
+  searchdoubleparam(n, list, "fdur", &fdur);
   const char *indlist = searchstringparam(n, list, "indlist");
   unreadparams(n, list);
 
@@ -41,8 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     uint64_t total = 0, walked = 0;
     std::string name = store[0] + "???";
     for (const char *pos = l; pos; pos = strnumnextinterv(pos)) {
-      const uint32_t start = strnumintervstart(pos);
-      const uint32_t end = strnumintervend(pos, start);
+      const uint32_t start = strnumintervstart(pos), end = strnumintervend(pos, start);
       if (end < start) continue;
       total += static_cast<uint64_t>(end - start) + 1;
       for (uint64_t i = start; i <= end && walked < kMaxIndices; ++i, ++walked) {

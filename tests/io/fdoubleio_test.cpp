@@ -36,11 +36,9 @@ TEST_F(FeatureFileTest, ReadWidensEveryValueAndRefusesUnusableFiles) {
   writebytes(path("v.f"), b);
   double *x = nullptr;
   float *f = nullptr;
-  ASSERT_EQ(fdoubleread(path("v.f").c_str(), &x), kValues.size());
-  ASSERT_EQ(ffloatread(path("v.f").c_str(), &f), kValues.size());
+  ASSERT_TRUE(fdoubleread(path("v.f").c_str(), &x) == kValues.size() && ffloatread(path("v.f").c_str(), &f) == kValues.size());
   for (size_t i = 0; i < kValues.size(); ++i) EXPECT_EQ(x[i], static_cast<double>(kValues[i])) << i;
-  EXPECT_TRUE(std::signbit(x[7]));
-  EXPECT_EQ(std::memcmp(f, kValues.data(), kValues.size() * 4), 0);
+  EXPECT_TRUE(std::signbit(x[7]) && std::memcmp(f, kValues.data(), kValues.size() * 4) == 0);
   std::free(x);
   std::free(f);
   writebytes(path("three.f"), {1, 2, 3});
@@ -101,8 +99,7 @@ TEST_F(FeatureFileTest, WriteFailuresAreReportedWithoutDamage) {
     return fdoublewrite(p.c_str(), big.data(), 10000, 1) == 0 && ffloatwrite(p.c_str(), bigf.data(), 10000) == 0 &&
            readbytes(p) == Bytes{'o', 'l', 'd'} && fdoublewrite(path("new.f").c_str(), big.data(), 10, 1) == 10;
   }));
-  std::set<std::string> left;
-  for (const auto &e : fs::directory_iterator(dir_)) left.insert(e.path().filename().string());
+  std::set<std::string> left = names();
   left.erase("full");
   EXPECT_EQ(left, (std::set<std::string>{"o.f", "new.f"}));
 }
@@ -125,9 +122,7 @@ TEST_F(FeatureFileTest, WritesReplaceTheOldFileKeepingItsModeAndLinks) {
   EXPECT_EQ(readbytes(p).size(), 8u);
   EXPECT_TRUE(fs::is_symlink(path("link.f")));
   EXPECT_EQ(fs::status(p).permissions(), fs::perms(0640));
-  std::set<std::string> left;
-  for (const auto &e : fs::directory_iterator(dir_)) left.insert(e.path().filename().string());
-  EXPECT_EQ(left, (std::set<std::string>{"o.f", "link.f", "o.f.kestrel-tmp1"}));
+  EXPECT_EQ(names(), (std::set<std::string>{"o.f", "link.f", "o.f.kestrel-tmp1"}));
   const mode_t mask = umask(027);  // a new file gets 0666 less the umask
   ASSERT_EQ(fdoublewrite(path("new.f").c_str(), v, 2, 1), 2u);
   umask(mask);

@@ -69,14 +69,16 @@ inline Result run(const std::string &prog, const std::vector<std::string> &args,
 }
 
 // A WAV file built byte by byte: PCM (16/24 bits) or float, interleaved
-// channels, an optional LIST chunk before "data", and a data size that may
-// claim more frames than are given (the file is then extended sparsely).
+// channels, extension bytes in "fmt ", an optional LIST chunk before "data",
+// and a data size that may claim more frames than are given (the file is then
+// extended sparsely).
 enum class Sample { Pcm16 = 2, Pcm24 = 3, Float32 = 4 };
 struct WavLayout {
   uint32_t rate = 16000, channels = 1;
   Sample sample = Sample::Pcm16;
   bool listchunk = false;
   uint64_t claimedframes = 0;  // 0: the frames given
+  uint32_t fmtextra = 0;       // bytes (0x55) after the 16 of "fmt "
 };
 
 inline Bytes wavbytes(const WavLayout &w, const std::vector<double> &x) {
@@ -88,9 +90,10 @@ inline Bytes wavbytes(const WavLayout &w, const std::vector<double> &x) {
     for (int k = 0; k < n; ++k) b.push_back(static_cast<unsigned char>(v >> (8 * k)));
   };
   auto tag = [&b](const char *t) { b.insert(b.end(), t, t + 4); };
-  tag("RIFF"), put(36 + datasize + (w.listchunk ? 12 : 0), 4), tag("WAVE"), tag("fmt "), put(16, 4);
+  tag("RIFF"), put(36 + w.fmtextra + datasize + (w.listchunk ? 12 : 0), 4), tag("WAVE"), tag("fmt "), put(16 + w.fmtextra, 4);
   put(w.sample == Sample::Float32 ? 3 : 1, 2), put(w.channels, 2), put(w.rate, 4);
   put(w.rate * w.channels * bytes, 4), put(w.channels * bytes, 2), put(bytes * 8, 2);
+  b.insert(b.end(), w.fmtextra, 0x55);
   if (w.listchunk) tag("LIST"), put(4, 4), tag("INFO");
   tag("data"), put(datasize, 4);
   for (double v : x) {

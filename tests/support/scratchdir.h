@@ -14,6 +14,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -44,6 +45,12 @@ class ScratchDirTest : public ::testing::Test {
   }
   void TearDown() override { std::filesystem::remove_all(dir_); }
   std::string path(const char *name) const { return dir_ + "/" + name; }
+  // The names in the directory (sub: a subdirectory of it).
+  std::set<std::string> names(const std::string &sub = "") const {
+    std::set<std::string> n;
+    for (const auto &e : std::filesystem::directory_iterator(dir_ + sub)) n.insert(e.path().filename().string());
+    return n;
+  }
   // A private twin of /dev/full (every write fails); false where no device node can be made.
   bool makefulldevice(const std::string &p) const { return mknod(p.c_str(), S_IFCHR | 0666, makedev(1, 7)) == 0; }
   // Runs body in a child process whose files cannot grow past limit bytes; true when body returned true.
