@@ -21,9 +21,7 @@
 
 namespace {
 
-using kestreltest::allfinite;
-using kestreltest::gaussvec;
-constexpr double kPi = 3.141592653589793;
+using namespace kestreltest;
 constexpr double kFs = 16000.0;
 
 // All-pass warping written out independently of the library.

@@ -31,10 +31,7 @@ void *operator new[](std::size_t size, const std::nothrow_t &) noexcept {
 
 namespace {
 
-using kestreltest::kInf;
-using kestreltest::kNaN;
-using kestreltest::samebits;
-using kestreltest::uniformvec;
+using namespace kestreltest;
 const double kDbToLogAmp = 0.1151292546497023;  // ln(10)/20
 
 // A c0 whose loudness (53.9683 + 9.3548 c0 dB, order 0) lies exactly db dB, as a double, from c0 = 1.

@@ -18,12 +18,7 @@
 
 namespace {
 
-using kestreltest::kInf;
-using kestreltest::kNaN;
-using kestreltest::refrotate;
-using kestreltest::samebits;
-using kestreltest::SynthUtterance;
-constexpr double kPi = 3.141592653589793;
+using namespace kestreltest;
 constexpr double kLn10 = 2.302585092994046;
 constexpr double kNoiseGain = 0.19332249068594076;
 
@@ -132,7 +127,7 @@ std::vector<double> refsynth(const SynthUtterance &u, bool withfv) {
         refrotate(ce, se, c1, s1);
         ph[k] = 3.141592653589793 - 2 * std::atan2((1 - 0.95 * 0.95) * se, 2 * 0.95 - (1 + 0.95 * 0.95) * ce) + ph[k];
       }
-      kestreltest::refgenharmonics(re, shift, shift, fs, f, nh, amps.data(), ph.data(), phi, 1);
+      refgenharmonics(re, shift, shift, fs, f, nh, amps.data(), ph.data(), phi, 1);
     }
     olatriang(out.data(), re, i * shift, (i + 1) * shift, (i + 2) * shift);
     fprev = f;
@@ -163,7 +158,7 @@ SynthUtterance steady(uint32_t nframes, double f0, double fv, double c0, uint32_
 
 // 16 kHz, alpha 0.42.
 SynthUtterance utterance(double seconds, uint64_t seed, uint32_t order = 39, uint32_t shift = 80) {
-  return kestreltest::makesynthutterance({seconds, order, 0.42, 16000.0, shift, seed});
+  return makesynthutterance({seconds, order, 0.42, 16000.0, shift, seed});
 }
 
 const SynthUtterance &realistic() {

@@ -19,10 +19,9 @@
 
 namespace {
 
+using namespace kestreltest;
 namespace fvt = kestrel::fvtrack;
-using kestreltest::kInf;
-using kestreltest::kNaN;
-constexpr double kPi = 3.141592653589793, kStep = 3.4538776394910693;  // 15 dB of power, natural log
+constexpr double kStep = 3.4538776394910693;  // 15 dB of power, natural log
 constexpr double kLikExp = 8.31295041412083;
 
 // Log power spectra of nfft 1024 at 16 kHz (15.625 Hz bins): a symmetric peak, neighbours 1 lower.

@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr double kPi = 3.141592653589793;
+using namespace kestreltest;
 constexpr double kFs = 16000.0;
 constexpr uint32_t kN = 401, kNfft = 1024;
 const double kFloor = std::log(std::sqrt(kN * 1.0000000000000002e-10 / (kN * kFs)));  // log(sqrt(1e-10/fs))
@@ -48,7 +48,7 @@ TEST(NoiseLogSpectrum, FloorSymmetryBinCopiesAndRefusals) {
     ASSERT_EQ(getnoiselogspectrum(z.data(), 2000, kFs, c, kNfft, out.data(), area.a), 0);
     for (double v : out) ASSERT_NEAR(v, kFloor, 1e-13) << "silence, centre " << c;
   }
-  const std::vector<double> x = kestreltest::gaussvec(3000, 0.2, 8);
+  const std::vector<double> x = gaussvec(3000, 0.2, 8);
   ASSERT_EQ(getnoiselogspectrum(x.data(), 3000, kFs, 1500, kNfft, out.data(), area.a), 0);
   EXPECT_EQ(out[0], out[1]);
   EXPECT_EQ(out[kNfft / 2], out[kNfft / 2 - 1]);
@@ -131,7 +131,7 @@ TEST(VoicedEnvelopes, HarmonicsReadTheirDensity) {
 }
 
 TEST(VoicedEnvelopes, UnvoicedFramesTakeTheNoiseSpectrum) {
-  const std::vector<double> x = kestreltest::gaussvec(3000, 0.2, 6);
+  const std::vector<double> x = gaussvec(3000, 0.2, 6);
   Area area;
   std::vector<double> ref(kNfft), a(kNfft), b(kNfft);
   ASSERT_EQ(getnoiselogspectrum(x.data(), 3000, kFs, 1500, kNfft, ref.data(), area.a), 0);

@@ -20,10 +20,8 @@
 
 namespace {
 
+using namespace kestreltest;
 namespace pt = kestrel::pitchtrack;
-using kestreltest::kInf;
-using kestreltest::kNaN;
-constexpr double kPi = 3.141592653589793;
 const pt::TrackerCosts kCosts = pt::trackercosts(16000, 80);  // t = 2
 
 // A candidate record that owns its strength array.
@@ -290,7 +288,9 @@ TEST(PitchTrack, NoiseAndSilenceGapsAreUnvoicedAndFramesSitOnTheGrid) {
         const size_t c = first + k * 80;
         bool near = c < 480 || c + 480 > f.size();
         for (const size_t b : {6400, 11200, 17600, 22400}) near = near || (c + 480 > b && c < b + 480);
-        if (!near) EXPECT_NEAR(f0[k], f[c], t.tol * f[c]) << t.name << " first " << first << " frame " << k;
+        if (!near) {
+          EXPECT_NEAR(f0[k], f[c], t.tol * f[c]) << t.name << " first " << first << " frame " << k;
+        }
       }
     }
 }
@@ -319,7 +319,7 @@ TEST(PitchTrack, SilenceEdgesNaNDefaultsAndRefusals) {
     // A NaN sample: the input stays as it is; every value is 0 or within the range, and far from
     // the NaN the pitch is found.
     ASSERT_EQ(t.run(z.data(), 16000, 16000, 80, 80, 120, 60, 500, f0.data()), 0);
-    EXPECT_TRUE(kestreltest::samebits(z, copy));
+    EXPECT_TRUE(samebits(z, copy));
     for (double v : f0) EXPECT_TRUE(v == 0 || (v >= 60 && v <= 500)) << v;
     EXPECT_NEAR(f0[20], 200, 2);
     // Defaults: f0min <= 0 is 60 Hz, f0max <= f0min (or NaN) is 500 Hz.

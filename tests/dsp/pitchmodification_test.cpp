@@ -12,9 +12,7 @@
 
 namespace {
 
-using kestreltest::kInf;
-using kestreltest::kNaN;
-using kestreltest::samebits;
+using namespace kestreltest;
 const double kUnvoiced = -1e10;
 
 // Equal element by element, NaN where NaN is expected.

@@ -18,8 +18,7 @@
 
 namespace {
 
-using kestreltest::samebits;
-using kestreltest::SynthUtterance;
+using namespace kestreltest;
 
 constexpr int kThreads = 4;
 constexpr double kFs = 16000.0;
@@ -61,10 +60,10 @@ void expectthreadedequalssequential(Job job) {
 TEST(Reentrancy, SynthesisOnManyThreadsGivesTheSequentialBits) {
   std::vector<SynthUtterance> utts;
   for (int t = 0; t < kThreads; ++t) {
-    kestreltest::SynthUttOptions opt;
+    SynthUttOptions opt;
     opt.seconds = 1.0;
     opt.seed = 1 + t % 2;  // two threads share each utterance: same noise sequence, same bits
-    utts.push_back(kestreltest::makesynthutterance(opt));
+    utts.push_back(makesynthutterance(opt));
   }
   expectthreadedequalssequential([&](int t) { return synthesise(utts[t]); });
 }

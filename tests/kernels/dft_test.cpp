@@ -14,8 +14,7 @@
 
 namespace {
 
-using kestreltest::samebits;
-using kestreltest::uniformvec;
+using namespace kestreltest;
 using cld = std::complex<long double>;
 
 // The straightforward transform the kernels replace: k outer, groups inner,
@@ -43,7 +42,7 @@ void referencefft(int32_t n, double *re, double *im, int8_t direction) {
         const double pre = re[p], pim = im[p];
         re[p] = pre + tre, im[p] = pim + tim, re[q] = pre - tre, im[q] = pim - tim;
       }
-      kestreltest::refrotate(wre, wim, ct, st);
+      refrotate(wre, wim, ct, st);
     }
   }
 }

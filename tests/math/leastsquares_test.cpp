@@ -14,6 +14,7 @@
 
 namespace {
 
+using namespace kestreltest;
 const double kLambda = 0.015791367;
 
 TEST(CholeskyInvDet, HandComputedAndDegenerateCases) {
@@ -58,7 +59,7 @@ TEST(SolveLeastSquares, RegularisationPenalisesBySquaredIndex) {
 
 TEST(SolveLeastSquares, ExactOverdeterminedSystems) {
   const uint32_t m = 30, n = 6, q = 2;
-  const std::vector<double> r = kestreltest::uniformvec(m * n + n * q, 7);  // A, then Xtrue
+  const std::vector<double> r = uniformvec(m * n + n * q, 7);  // A, then Xtrue
   const std::vector<double> A(r.begin(), r.begin() + m * n), Xtrue(r.begin() + m * n, r.end());
   std::vector<double> B(m * q, 0.0), X(n * q), X2(n * q);
   for (uint32_t k = 0; k < m; ++k)

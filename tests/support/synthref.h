@@ -14,6 +14,7 @@
 
 namespace kestreltest {
 
+constexpr double kPi = 3.141592653589793;
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 const double kInf = std::numeric_limits<double>::infinity();
 
