@@ -217,11 +217,10 @@ TEST(ElimIslands, RemovesShortJumpingRunsWithCarriedRatios) {
 }
 
 TEST(Autocorrelation, MatchesDirectCircularSum) {
-  std::mt19937 gen(3);
-  std::uniform_real_distribution<double> u(-1, 1);
   for (uint32_t nfft : {1u, 8u, 64u}) {
-    std::vector<double> x(nfft), buf(2 * nfft);
-    for (uint32_t i = 0; i < nfft; ++i) buf[2 * i] = x[i] = u(gen);
+    const std::vector<double> x = uniformvec(nfft, nfft);
+    std::vector<double> buf(2 * nfft, 0.0);
+    for (uint32_t i = 0; i < nfft; ++i) buf[2 * i] = x[i];
     ASSERT_EQ(autocorrelation(nfft, buf.data()), 0);
     for (uint32_t lag = 0; lag < nfft; ++lag) {
       double r = 0;
