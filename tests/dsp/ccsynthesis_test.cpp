@@ -161,11 +161,6 @@ SynthUtterance utterance(double seconds, uint64_t seed, uint32_t order = 39, uin
   return makesynthutterance({seconds, order, 0.42, 16000.0, shift, seed});
 }
 
-const SynthUtterance &realistic() {
-  static const SynthUtterance u = utterance(1.2, 7);
-  return u;
-}
-
 // ---------------------------------------------------------------------------
 
 TEST(Ccmatrixcreate, WarpedCosinesSinesAndPointerRules) {
@@ -198,10 +193,10 @@ TEST(Cc2waveform, MatchesPlainEvaluationBitForBitAndRestoresC0BySubtraction) {
   // (-inf logs), unvoiced stretches, whatever state the C library's generator is in. Levels
   // just below a power of two (about 0.9) often come back one rounding off, c0 = (c0 + g) - g,
   // and the fv estimate sees that value.
-  SynthUtterance loud = realistic();
+  const SynthUtterance u = utterance(1.2, 7), v = utterance(0.5, 3, 24, 23), w = utterance(0.5, 3, 0, 104);
+  SynthUtterance loud = u;
   for (uint32_t i = 0; i < loud.nframes; ++i) loud.frame(i)[0] += 10.9;
-  const SynthUtterance v = utterance(0.5, 3, 24, 23), w = utterance(0.5, 3, 0, 104);
-  for (const SynthUtterance *x : {&realistic(), &v, &w, static_cast<const SynthUtterance *>(&loud)})
+  for (const SynthUtterance *x : {&u, &v, &w, static_cast<const SynthUtterance *>(&loud)})
     for (bool withfv : {true, false}) {
       std::vector<double> cc, expected = x->cc;
       std::srand(12345);

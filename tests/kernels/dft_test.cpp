@@ -51,7 +51,7 @@ TEST(Dft, EveryPathAndDirectionGivesTheReferenceBits) {
   // data with huge and subnormal values, and on sparse data of signed zeros, where any change
   // of operation shows in the signs of zero results. (A NaN or infinity would spread over the
   // whole output and hide the rest.)
-  for (int32_t n = 2; n <= 16384; n *= 2)
+  for (int32_t n = 1; n <= 16384; n *= 2)  // n = 1: no stage runs, the data comes back as it was
     for (int sparse = 0; sparse < 2; ++sparse) {
       std::vector<double> in = uniformvec(2 * n, 77 + n);
       const double specials[] = {1e300, -1e-310, 5e-324, -0.0, 0.0, -1e300};
@@ -81,13 +81,6 @@ TEST(Dft, EveryPathAndDirectionGivesTheReferenceBits) {
 }
 
 TEST(Dft, DegenerateLengthsLeaveDataAlone) {
-  // n = 1: no stage runs, whatever the data (even a NaN) comes back bit for bit.
-  for (int8_t dir : {int8_t{1}, int8_t{-1}}) {
-    double re[1] = {-3.25}, im[1] = {std::nan("")}, x[2] = {7.5, -0.0};
-    dofftr(1, re, im, dir);
-    dofftc(1, x, dir);
-    EXPECT_TRUE(re[0] == -3.25 && std::isnan(im[0]) && x[0] == 7.5 && std::signbit(x[1]));
-  }
   // n = 0: nothing is read or written.
   double guard[4] = {1.0, 2.0, 3.0, 4.0};
   EXPECT_EQ(fftc(0, guard) + ifftr(0, guard, guard + 2) + fftc(0, nullptr) + ifftr(0, nullptr, nullptr), 0u);
