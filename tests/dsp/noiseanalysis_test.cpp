@@ -1,7 +1,7 @@
-// Noise spectrum and the other envelopes: the level of signals of known
-// density (white noise, sinusoids, harmonic series), the silence floor, the
-// segment rule at the signal edges checked against a direct DFT, and the
-// symmetry and bin-copy rules.
+// Noise spectrum and the other envelopes: the silence floor, the segment rule
+// at the signal edges checked against a direct DFT (which pins the level of
+// any signal), the symmetry and bin-copy rules, and harmonic series read at
+// their density.
 #include "spectralanalysis.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,8 @@
 // Pitch estimation: the candidate slots, peak interpolation at the lag limits,
 // the octave-cost two-step, the path search's costs and tie rules, island
 // removal with its carried-over ratios, the autocorrelation against a direct
-// sum, and whole tracks of harmonic signals, silence and degenerate arguments.
+// sum, and whole tracks of harmonic signals, gaps, silence and degenerate
+// arguments from both trackers (getpitch and the dynamic-programming getpitchdp).
 #include "pitchanalysis.h"
 #include "pitchtrack.h"
 
