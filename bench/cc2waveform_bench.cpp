@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "ccanalysis.h"
+#include "fdoubleio.h"
 #include "support/synthutt.h"
 
 namespace {
@@ -76,16 +77,26 @@ void BM_cc2waveform_nofvtrack(benchmark::State &state) { runCc2waveform(state, f
 BENCHMARK(BM_cc2waveform_fvtrack)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_cc2waveform_nofvtrack)->Unit(benchmark::kMillisecond);
 
-// Features written once to a temporary directory, removed at exit.
+// Features written once to a temporary directory as kestrelsyn reads them
+// (float32, cepstra scaled for its default --htsscale=1: c0 + 5, ck * 2),
+// removed at exit.
 struct FeatureDir {
   std::string dir;
-  kestreltest::SynthUttFiles files;
+  struct {
+    std::string f0, cc, fv;
+  } files;
   bool ok = false;
   FeatureDir() {
     char tmpl[] = "/tmp/kestrelbench.XXXXXX";
     if (!mkdtemp(tmpl)) return;
     dir = tmpl;
-    ok = kestreltest::writesynthutterance(utterance(), dir, &files);
+    files = {dir + "/utt.lf0", dir + "/utt.cc", dir + "/utt.fv"};
+    kestreltest::SynthUtterance u = utterance();
+    const size_t p1 = u.order + 1;
+    for (size_t i = 0; i < u.cc.size(); ++i) u.cc[i] = (i % p1 == 0) ? u.cc[i] + 5.0 : u.cc[i] * 2.0;
+    ok = fdoublewrite(files.f0.c_str(), u.logf0.data(), u.nframes, 1) == u.nframes &&
+         fdoublewrite(files.cc.c_str(), u.cc.data(), static_cast<uint32_t>(u.cc.size()), 1) == u.cc.size() &&
+         fdoublewrite(files.fv.c_str(), u.fv.data(), u.nframes, 1) == u.nframes;
   }
   ~FeatureDir() {
     if (dir.empty()) return;

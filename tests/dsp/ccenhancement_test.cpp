@@ -31,10 +31,8 @@ void *operator new[](std::size_t size, const std::nothrow_t &) noexcept {
 
 namespace {
 
-using kestreltest::kInf;
-using kestreltest::kNaN;
-using kestreltest::samebits;
-using kestreltest::uniformvec;
+using namespace kestreltest;
+
 const double kDbToLogAmp = 0.1151292546497023;  // ln(10)/20
 
 // A c0 whose loudness (53.9683 + 9.3548 c0 dB, order 0) lies exactly db dB, as a double, from c0 = 1.
@@ -68,27 +66,19 @@ TEST(CepstralEnhancement, CompressorGainCurveAndKnees) {
 
 TEST(CepstralEnhancement, CompressorMaximumSkipsNaNAndUsesFortyCoefficients) {
   // Order 120: huge values from c40 on do not make a frame louder; only c0 of each row changes.
+  // A NaN loudness, first in line, never becomes the maximum.
   const uint32_t stride = 121;
-  std::vector<double> cc(2 * stride, 0.0);
-  cc[0] = 1.0;
-  cc[stride] = c0atdb(-30.0);
-  for (uint32_t k = 40; k <= 120; ++k) cc[stride + k] = 1e6 + k;
+  std::vector<double> cc(3 * stride, 0.0);
+  cc[0] = kNaN;
+  cc[stride] = 1.0;
+  cc[2 * stride] = c0atdb(-30.0);
+  for (uint32_t k = 40; k <= 120; ++k) cc[2 * stride + k] = 1e6 + k;
   std::vector<double> want = cc;
-  want[0] = 1.0 - 10 * kDbToLogAmp;
-  want[stride] += 14 * kDbToLogAmp;
-  applycdrc16k042(cc.data(), 120, 2, 1.0);
-  for (size_t i = 0; i < cc.size(); ++i) EXPECT_NEAR(cc[i], want[i], i % stride ? 0.0 : 1e-13) << i;
-  // A NaN loudness never becomes the maximum, wherever it sits.
-  for (int nanpos : {0, 2}) {
-    std::vector<double> frames = {1.0, c0atdb(-30.0)};
-    const double quiet = frames[1];
-    frames.insert(frames.begin() + nanpos, kNaN);
-    applycdrc16k042(frames.data(), 0, 3, 1.0);
-    EXPECT_TRUE(std::isnan(frames[nanpos]));
-    frames.erase(frames.begin() + nanpos);
-    EXPECT_NEAR(frames[0], 1.0 - 10 * kDbToLogAmp, 1e-14) << nanpos;
-    EXPECT_NEAR(frames[1], quiet + 14 * kDbToLogAmp, 1e-13) << nanpos;
-  }
+  want[stride] = 1.0 - 10 * kDbToLogAmp;
+  want[2 * stride] += 14 * kDbToLogAmp;
+  applycdrc16k042(cc.data(), 120, 3, 1.0);
+  EXPECT_TRUE(std::isnan(cc[0]));
+  for (size_t i = 1; i < cc.size(); ++i) EXPECT_NEAR(cc[i], want[i], i % stride ? 0.0 : 1e-13) << i;
   // The maximum starts from the lowest finite double: a frame of about -9.5e307 dB is its own loudest
   // and goes to exactly -10 dB (the dB-to-log-amplitude constant to the last bit).
   std::vector<double> faint = {0.0, -1e307};
@@ -129,21 +119,37 @@ TEST(CepstralEnhancement, CompressorLeavesTheMatrixWhenItsWorkArrayCannotBeHad) 
   EXPECT_TRUE(samebits(cc, before));
 }
 
-TEST(CepstralEnhancement, PostfilterWeightsAreClampedPerFrame) {
+TEST(CepstralEnhancement, PostfilterShapeMatchesTheTableAndWeightsAreClampedPerFrame) {
+  // A unit c1 comes back as c1 = 2 - t1^2/E and ck = -t1 tk / E (k >= 2): tk/t1 = -ck / (2 - c1).
+  // Order 120: c0 and c100.. pass through.
+  std::vector<double> u(121, 0.0), c24(25, 0.0);
+  u[1] = c24[1] = 1.0;
+  u[0] = u[100] = u[120] = 0.5;
+  applycpostfilt16k042(u.data(), 120, 1, 1.0, nullptr);
+  EXPECT_TRUE(u[0] == 0.5 && u[100] == 0.5 && u[120] == 0.5);
+  applycpostfilt16k042(c24.data(), 24, 1, 1.0, nullptr);
+  const double s = 2.0 - u[1];
+  // t1 = 0.038499; E = 0.001814518258 (entries 1..99) and 0.001797396379 (1..24), sums of squares by hand.
+  EXPECT_NEAR(s, 0.038499 * 0.038499 / 0.001814518258, 1e-12);
+  EXPECT_NEAR(2.0 - c24[1], 0.038499 * 0.038499 / 0.001797396379, 1e-13);
+  double ratiosum = 1.0, kratiosum = 1.0;
+  for (int k = 2; k <= 99; ++k) {
+    ratiosum += -u[k] / s;
+    kratiosum += k * -u[k] / s;
+  }
+  // Sum of entries 1..99 (0.137028) and of k t[k] (2.324806), over t1.
+  EXPECT_NEAR(ratiosum, 0.137028 / 0.038499, 1e-11);
+  EXPECT_NEAR(kratiosum, 2.324806 / 0.038499, 1e-10);
+  // Per-frame weights: the effective strength f * clamp(weight, 0, 1), a NaN weight at full
+  // strength. Pairs (t[k+1], -t[k]) are orthogonal to the shape (to rounding): c1.. times 1 + gain.
   const double f = 0.8;
-  // gain: the effective strength f * clamp(weight, 0, 1), a NaN weight at full strength.
   const struct { double weight, gain; } cases[] = {{2.0, f}, {kNaN, f}, {-1.0, 0.0}, {0.5, 0.5 * f}, {-kInf, 0.0}};
-  // The shape up to a factor from a unit c1 (c1 -> 2 - t1^2/E, ck -> -t1 tk/E); pairs
-  // (t[k+1], -t[k]) are then orthogonal to it (to rounding): c1.. times 1 + gain.
-  std::vector<double> u(100, 0.0), frame(100, 0.0);
-  u[1] = 1.0;
-  applycpostfilt16k042(u.data(), 99, 1, 1.0, nullptr);
+  std::vector<double> frame(100, 0.0), cc, weights;
   frame[0] = 0.75;
   for (uint32_t k = 1; k + 1 <= 99; k += 2) {
     frame[k] = -u[k + 1];
-    frame[k + 1] = k == 1 ? -(2.0 - u[1]) : u[k];
+    frame[k + 1] = k == 1 ? -s : u[k];
   }
-  std::vector<double> cc, weights;
   for (const auto &c : cases) {
     cc.insert(cc.end(), frame.begin(), frame.end());
     weights.push_back(c.weight);
@@ -153,29 +159,6 @@ TEST(CepstralEnhancement, PostfilterWeightsAreClampedPerFrame) {
     for (uint32_t k = 0; k <= 99; ++k)  // exact where nothing changes
       EXPECT_NEAR(cc[t * 100 + k], frame[k] * (1 + (k ? cases[t].gain : 0.0)), cases[t].gain && k ? 1e-15 : 0.0)
           << "weight " << cases[t].weight << " k " << k;
-}
-
-TEST(CepstralEnhancement, PostfilterShapeMatchesTheTable) {
-  // A unit c1 comes back as c1 = 2 - t1^2/E and ck = -t1 tk / E (k >= 2): tk/t1 = -ck / (2 - c1).
-  // Order 120: c0 and c100.. pass through.
-  std::vector<double> cc(121, 0.0), c24(25, 0.0);
-  cc[1] = c24[1] = 1.0;
-  cc[0] = cc[100] = cc[120] = 0.5;
-  applycpostfilt16k042(cc.data(), 120, 1, 1.0, nullptr);
-  EXPECT_TRUE(cc[0] == 0.5 && cc[100] == 0.5 && cc[120] == 0.5);
-  applycpostfilt16k042(c24.data(), 24, 1, 1.0, nullptr);
-  const double s = 2.0 - cc[1];
-  // t1 = 0.038499; E = 0.001814518258 (entries 1..99) and 0.001797396379 (1..24), sums of squares by hand.
-  EXPECT_NEAR(s, 0.038499 * 0.038499 / 0.001814518258, 1e-12);
-  EXPECT_NEAR(2.0 - c24[1], 0.038499 * 0.038499 / 0.001797396379, 1e-13);
-  double ratiosum = 1.0, kratiosum = 1.0;
-  for (int k = 2; k <= 99; ++k) {
-    ratiosum += -cc[k] / s;
-    kratiosum += k * -cc[k] / s;
-  }
-  // Sum of entries 1..99 (0.137028) and of k t[k] (2.324806), over t1.
-  EXPECT_NEAR(ratiosum, 0.137028 / 0.038499, 1e-11);
-  EXPECT_NEAR(kratiosum, 2.324806 / 0.038499, 1e-10);
 }
 
 TEST(CepstralEnhancement, LoudnessFilterAddsTheScaledShape) {

@@ -10,16 +10,16 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <random>
 #include <vector>
 
 #include "pitchanalysis.h"
+#include "support/synthref.h"
 #include "windowing.h"
 
 namespace {
 
-constexpr double kPi = 3.141592653589793;
+using namespace kestreltest;
 constexpr double kFs = 16000.0;
 
 struct Series {
@@ -47,22 +47,20 @@ Series makeseries(double f0, uint32_t H, uint32_t n, uint64_t seed, double jitte
   return s;
 }
 
-TEST(HarmonicModel, RecoversAmplitudesAndCentrePhasesAndRefusesUnusableFrames) {
-  HAMEM *area = hameminitialize(kFs, kFs, 60.0);
-  ASSERT_NE(area, nullptr);
-  EXPECT_TRUE(area->maxharms == hanoharms(kFs, kFs, 60.0) && area->fmin == 60.0);
-  for (double f0 : {60.0, 217.3, 480.0}) {
-    const uint32_t H = hanoharms(kFs, kFs, f0);
-    const Series s = makeseries(f0, H, 6000, 7, 0.0, 0.0, 3000);
-    std::vector<double> amp(H), ph(H), amp2(H);
-    ASSERT_EQ(getharmonics(s.x.data(), 6000, kFs, 3000, f0, H, amp.data(), ph.data(), area), 0);
-    for (uint32_t k = 0; k < H; ++k) {
-      EXPECT_NEAR(amp[k], s.amp[k], 1e-9) << f0 << " harmonic " << k + 1;
-      EXPECT_NEAR(std::remainder(ph[k] - s.phase[k], 2 * kPi), 0.0, 1e-7) << f0 << " harmonic " << k + 1;
-    }
-    ASSERT_EQ(getharmonics(s.x.data(), 6000, kFs, 3000, f0, H, amp2.data(), nullptr, area), 0);  // phases optional
-    EXPECT_EQ(amp2, amp);
+// The full-band areas (fmin 60 Hz) most tests analyse with.
+struct Areas {
+  HAMEM *h = hameminitialize(kFs, kFs, 60.0);
+  QHAMEM *q = qhameminitialize(kFs, kFs, 60.0);
+  ~Areas() {
+    hamemdestroy(h);
+    qhamemdestroy(q);
   }
+};
+
+TEST(HarmonicModel, RefusesUnusableFrames) {
+  const Areas areas;
+  HAMEM *area = areas.h;
+  EXPECT_TRUE(area->maxharms == hanoharms(kFs, kFs, 60.0) && area->fmin == 60.0);
   // Refused: a silent window (past the end, wrapped, empty), f0 below the area's fmin or
   // unusable, no or too many harmonics, NaN samples, no area. Half the window outside the
   // signal is analysed (the outside reads as silence).
@@ -81,7 +79,6 @@ TEST(HarmonicModel, RecoversAmplitudesAndCentrePhasesAndRefusesUnusableFrames) {
     EXPECT_EQ(getharmonics(c.x, c.n, kFs, c.centre, c.f0, c.H, amp.data(), nullptr, c.a), c.result) << &c - cases;
     for (uint32_t k = 0; c.result == 0 && k < 53; ++k) EXPECT_TRUE(std::isfinite(amp[k]) && amp[k] < s.amp[k] * 2.0);
   }
-  hamemdestroy(area);
   EXPECT_EQ(hamemdestroy(nullptr), 0);
   // fmin is raised to 20 Hz; an unusable fs gives no area.
   HAMEM *low = hameminitialize(kFs, 4000.0, 1.0);
@@ -149,23 +146,28 @@ bool plainharmonics(const std::vector<double> &x, int64_t centre, double f0, uin
   return true;
 }
 
-TEST(HarmonicModel, GivesThePlainEvaluationsBitsWithinAndAtTheEdges) {
-  // Window half-lengths of every residue modulo 4, harmonic counts from 1 to
-  // the most, frames inside the signal and hanging over either end.
-  HAMEM *area = hameminitialize(kFs, kFs, 60.0);
-  ASSERT_NE(area, nullptr);
+TEST(HarmonicModel, GivesThePlainEvaluationsBitsAndRecoversAmplitudesAndCentrePhases) {
+  // Window half-lengths of every residue modulo 4, harmonic counts from 1 to the most, frames
+  // inside the signal and hanging over either end; series of f0 itself (own) are recovered,
+  // with their phases at the frame centre.
+  const Areas areas;
   const Series s = makeseries(140.0, 50, 4000, 9);
-  const struct { double f0; uint32_t H, centre; } cases[] = {
-      {60.0, 133, 2000}, {61.7, 5, 2000}, {99.0, 1, 1500}, {140.0, 57, 40},
-      {140.3, 20, 3990}, {211.0, 37, 2500}, {333.3, 23, 0}, {480.0, 16, 3333}};
+  const struct { double f0; uint32_t H, centre; bool own; } cases[] = {
+      {60.0, 133, 2000, false},  {61.7, 5, 2000, false},   {99.0, 1, 1500, false},   {140.0, 57, 40, false},
+      {140.3, 20, 3990, false},  {211.0, 37, 2500, false}, {333.3, 23, 0, false},    {480.0, 16, 3333, false},
+      {60.0, 133, 3000, true},   {217.3, 36, 3000, true},  {480.0, 16, 3000, true}};
   for (const auto &c : cases) {
+    const Series x = c.own ? makeseries(c.f0, c.H, 6000, 7, 0.0, 0.0, 3000) : s;
+    const uint32_t n = static_cast<uint32_t>(x.x.size());
     std::vector<double> a(c.H), p(c.H), ea(c.H), ep(c.H);
-    ASSERT_TRUE(plainharmonics(s.x, c.centre, c.f0, c.H, ea.data(), ep.data())) << c.f0;
-    ASSERT_EQ(getharmonics(s.x.data(), 4000, kFs, c.centre, c.f0, c.H, a.data(), p.data(), area), 0) << c.f0;
-    EXPECT_EQ(0, std::memcmp(a.data(), ea.data(), c.H * sizeof(double))) << c.f0;
-    EXPECT_EQ(0, std::memcmp(p.data(), ep.data(), c.H * sizeof(double))) << c.f0;
+    ASSERT_TRUE(plainharmonics(x.x, c.centre, c.f0, c.H, ea.data(), ep.data())) << c.f0;
+    ASSERT_EQ(getharmonics(x.x.data(), n, kFs, c.centre, c.f0, c.H, a.data(), p.data(), areas.h), 0) << c.f0;
+    EXPECT_TRUE(samebits(a, ea) && samebits(p, ep)) << c.f0 << " " << c.H << " " << c.centre;
+    for (uint32_t k = 0; c.own && k < c.H; ++k) {
+      EXPECT_NEAR(a[k], x.amp[k], 1e-9) << c.f0 << " harmonic " << k + 1;
+      EXPECT_NEAR(std::remainder(p[k] - x.phase[k], 2 * kPi), 0.0, 1e-7) << c.f0 << " harmonic " << k + 1;
+    }
   }
-  hamemdestroy(area);
 }
 
 TEST(QuasiHarmonicModel, CorrectsEachHarmonicAndFitsAmplitudeRamps) {
@@ -181,8 +183,7 @@ TEST(QuasiHarmonicModel, CorrectsEachHarmonicAndFitsAmplitudeRamps) {
     edge = kFs / 2 * (1.0 - 1.0 / (2.0 * h)) / 40.0;
   }
   ASSERT_EQ(hanoharms(kFs, kFs, edge), 40u);
-  QHAMEM *area = qhameminitialize(kFs, kFs, 60.0);
-  ASSERT_NE(area, nullptr);
+  const Areas areas;
   const struct { double f0, start, jitter, ramp, fmax, ftol, atol, ptol; } cases[] = {
       {123.4, 123.4 * 1.01, 0, 0, 7000, 0.5, 0.01, 0}, {123.4, 123.4 * 0.99, 0, 0, 7000, 0.5, 0.01, 0},
       {210.0, 210.0, 4.0, 0, 7000, 0.5, 0.01, 0},      {95.0, 95.0 * 1.005, 2.0, 0, 7000, 0.5, 0.01, 0},
@@ -193,7 +194,7 @@ TEST(QuasiHarmonicModel, CorrectsEachHarmonicAndFitsAmplitudeRamps) {
     const uint32_t H = hanoharms(kFs, c.fmax, c.f0);
     const Series s = makeseries(c.f0, H, 12000, 11, c.jitter, c.ramp, 6000);
     std::vector<double> amp(H), ph(H), fr(H);
-    ASSERT_EQ(getsqharmonics(s.x.data(), 12000, kFs, 6000, c.start, H, amp.data(), ph.data(), fr.data(), area), 0);
+    ASSERT_EQ(getsqharmonics(s.x.data(), 12000, kFs, 6000, c.start, H, amp.data(), ph.data(), fr.data(), areas.q), 0);
     for (uint32_t k = 0; k < H; ++k) {
       EXPECT_NEAR(fr[k], s.freq[k], c.ftol) << "harmonic " << k + 1;
       EXPECT_NEAR(amp[k] / s.amp[k], 1.0, c.atol) << "harmonic " << k + 1;
@@ -203,12 +204,9 @@ TEST(QuasiHarmonicModel, CorrectsEachHarmonicAndFitsAmplitudeRamps) {
     }
   }
   // A harmonic area is not a quasi-harmonic one.
-  HAMEM *ham = hameminitialize(kFs, kFs, 60.0);
   std::vector<double> amp(40);
   EXPECT_EQ(getsqharmonics(makeseries(160.0, 40, 8000, 12).x.data(), 8000, kFs, 4000, 160.0, 40, amp.data(), nullptr,
-                           nullptr, reinterpret_cast<QHAMEM *>(ham)), -1);
-  hamemdestroy(ham);
-  qhamemdestroy(area);
+                           nullptr, reinterpret_cast<QHAMEM *>(areas.h)), -1);
 }
 
 TEST(QuasiHarmonicModel, RefinesPitchTracks) {
@@ -247,10 +245,10 @@ TEST(HarmonicLogSpectrum, PassesThroughTheHarmonicDensities) {
   const double f0 = 125.0;
   const uint32_t nfft = 1024, H = hanoharms(kFs, kFs, f0);
   const Series s = makeseries(f0, H, 6000, 5);
-  HAMEM *area = hameminitialize(kFs, kFs, 60.0);
-  QHAMEM *q = qhameminitialize(kFs, kFs, 60.0);  // a quasi-harmonic area serves as well
+  const Areas areas;
+  HAMEM *area = areas.h, *q = reinterpret_cast<HAMEM *>(areas.q);  // a quasi-harmonic area serves as well
   std::vector<double> buf(2 * nfft);
-  for (HAMEM *a : {area, reinterpret_cast<HAMEM *>(q)}) {
+  for (HAMEM *a : {area, q}) {
     ASSERT_EQ(getlogspectrumfromharms(s.x.data(), 6000, kFs, 3000, f0, nfft, buf.data(), a), 0);
     for (uint32_t k = 1; k <= H; ++k) {
       EXPECT_NEAR(buf[8 * k], std::log(s.amp[k - 1] / (2 * std::sqrt(f0))), a == area ? 1e-8 : 1e-6) << k;
@@ -269,8 +267,6 @@ TEST(HarmonicLogSpectrum, PassesThroughTheHarmonicDensities) {
       {s.x.data(), 0.0, nfft}, {z.data(), f0, nfft}, {s.x.data(), f0, 1000}, {s.x.data(), f0, 64}};
   for (const auto &b : bad)
     EXPECT_EQ(getlogspectrumfromharms(b.x, 6000, kFs, 3000, b.f0, b.nfft, buf.data(), area), -1) << b.f0 << b.nfft;
-  hamemdestroy(area);
-  qhamemdestroy(q);
 }
 
 }  // namespace

@@ -11,8 +11,7 @@
 
 namespace {
 
-constexpr double kPi = 3.141592653589793;
-using kestreltest::kInf;
+using namespace kestreltest;
 
 // The value rand() returns after `skip` draws from seed.
 int drawafter(unsigned seed, int skip) {

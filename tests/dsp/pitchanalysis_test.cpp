@@ -1,7 +1,8 @@
 // Pitch estimation: the candidate slots, peak interpolation at the lag limits,
 // the octave-cost two-step, the path search's costs and tie rules, island
 // removal with its carried-over ratios, the autocorrelation against a direct
-// sum, and whole tracks of harmonic signals, silence and degenerate arguments.
+// sum, and whole tracks of harmonic signals, gaps, silence and degenerate
+// arguments from both trackers (getpitch and the dynamic-programming getpitchdp).
 #include "pitchanalysis.h"
 #include "pitchtrack.h"
 
@@ -20,10 +21,8 @@
 
 namespace {
 
+using namespace kestreltest;
 namespace pt = kestrel::pitchtrack;
-using kestreltest::kInf;
-using kestreltest::kNaN;
-constexpr double kPi = 3.141592653589793;
 const pt::TrackerCosts kCosts = pt::trackercosts(16000, 80);  // t = 2
 
 // A candidate record that owns its strength array.
@@ -184,7 +183,9 @@ std::vector<double> track(const Runs &rs, const std::vector<int> &zeroed = {}) {
 TEST(ElimIslands, RemovesShortJumpingRunsWithCarriedRatios) {
   // fs 16000, shift 80: islands are runs of up to 11 frames (6 with shift 160); a jump is a ratio above 1.7.
   const std::pair<uint32_t, double> G = {3, 0}, L = {20, 100}, g = {2, 0};
-  const struct { uint32_t shift; Runs rs; std::vector<int> removed; } cases[] = {  // removed: runs set to 0
+  // removed: runs set to 0. Degenerate arguments (no frame step, a NaN rate, an empty track)
+  // leave the track alone.
+  const struct { uint32_t shift; Runs rs; std::vector<int> removed; double fs = 16000; } cases[] = {
       {80, {L, G, {11, 200}, G, L}, {2}},  // 11 frames: an island
       {80, {L, G, {12, 200}, G, L}, {}},   // 12: never one
       {80, {L, G, {1, 400}, G, L}, {2}},
@@ -204,26 +205,20 @@ TEST(ElimIslands, RemovesShortJumpingRunsWithCarriedRatios) {
       {80, {L, G, {3, 300}, G, {3, 150}, G, L}, {2}},  // a removed island is skipped looking back (150/100)
       {160, {L, g, {6, 200}, g, L}, {2}},
       {160, {L, g, {7, 200}, g, L}, {}},
+      {0, {L, G, {2, 200}, G, L}, {}},  {80, {L, G, {2, 200}, G, L}, {}, kNaN},  {80, {}, {}},
   };
   for (const auto &c : cases) {
     std::vector<double> v = track(c.rs);
-    EXPECT_EQ(elimislands(static_cast<uint32_t>(v.size()), v.data(), 16000, c.shift), 0);
+    EXPECT_EQ(elimislands(static_cast<uint32_t>(v.size()), v.data(), c.fs, c.shift), 0);
     EXPECT_EQ(v, track(c.rs, c.removed)) << "case " << &c - cases;
   }
-  // Degenerate arguments leave the track alone.
-  std::vector<double> v = track({L, G, {2, 200}, G, L});
-  const std::vector<double> orig = v;
-  EXPECT_EQ(elimislands(static_cast<uint32_t>(v.size()), v.data(), 16000, 0) + elimislands(0, nullptr, 16000, 80) +
-            elimislands(static_cast<uint32_t>(v.size()), v.data(), kNaN, 80), 0);
-  EXPECT_EQ(v, orig);
 }
 
 TEST(Autocorrelation, MatchesDirectCircularSum) {
-  std::mt19937 gen(3);
-  std::uniform_real_distribution<double> u(-1, 1);
   for (uint32_t nfft : {1u, 8u, 64u}) {
-    std::vector<double> x(nfft), buf(2 * nfft);
-    for (uint32_t i = 0; i < nfft; ++i) buf[2 * i] = x[i] = u(gen);
+    const std::vector<double> x = uniformvec(nfft, nfft);
+    std::vector<double> buf(2 * nfft, 0.0);
+    for (uint32_t i = 0; i < nfft; ++i) buf[2 * i] = x[i];
     ASSERT_EQ(autocorrelation(nfft, buf.data()), 0);
     for (uint32_t lag = 0; lag < nfft; ++lag) {
       double r = 0;
@@ -237,59 +232,111 @@ TEST(Autocorrelation, MatchesDirectCircularSum) {
   EXPECT_EQ(buf, std::vector<double>(24, 1.0));
 }
 
-// Sum of nh harmonics of f0 with 1/k amplitudes.
-std::vector<double> harmonic(double f0, uint32_t n, uint32_t nh) {
-  std::vector<double> x(n, 0.0);
-  for (uint32_t k = 1; k <= nh && k * f0 < 8000; ++k)
-    for (uint32_t i = 0; i < n; ++i) x[i] += 0.3 / k * std::sin(2 * kPi * k * f0 * i / 16000 + 0.4 * k);
+// Harmonics k = kfirst.. below 4 kHz of a track f (Hz per sample, 0: silence), amplitudes
+// 0.3/k, phase-continuous.
+std::vector<double> harmonics(const std::vector<double> &f, uint32_t kfirst = 1) {
+  std::vector<double> x(f.size(), 0.0);
+  double ph = 0.0;
+  for (size_t i = 0; i < f.size(); ++i) {
+    ph += 2.0 * kPi * f[i] / 16000;
+    for (uint32_t k = kfirst; f[i] > 0.0 && k * f[i] < 4000.0; ++k) x[i] += 0.3 / k * std::cos(k * ph);
+  }
   return x;
 }
 
-TEST(GetPitch, HarmonicSignalsAndRanges) {
-  // {f0, f0min, f0max}: f0max below f0min (or 0) becomes 500; 550 Hz above the default range is not reported.
-  const double cases[][3] = {{100, 60, 500}, {150, 0, 0}, {380, 60, 500}, {75, 60, 500}, {300, 100, 80}, {550, 0, 0}};
-  for (const auto &c : cases) {
-    const std::vector<double> x = harmonic(c[0], 16000, 12);
-    std::vector<double> f0(190, -1.0);
-    ASSERT_EQ(getpitch(x.data(), 16000, 16000, 80, 80, 190, c[1], c[2], f0.data()), 0);
-    for (uint32_t k = 0; k < 190; ++k) {
-      EXPECT_LE(f0[k], 500.0);
-      EXPECT_TRUE(c[0] > 500 || k < 10 || k >= 180 || std::fabs(f0[k] - c[0]) < 0.01 * c[0]) << c[0] << " " << k;
+// The two whole-utterance trackers share their arguments, frame grid, defaults and refusals.
+using Tracker = int (*)(const double *, uint32_t, double, uint32_t, uint32_t, uint32_t, double, double, double *);
+const struct { const char *name; Tracker run; double tol; } kTrackers[] = {{"getpitch", getpitch, 0.01},
+                                                                           {"getpitchdp", getpitchdp, 0.005}};
+
+TEST(PitchTrack, FollowsHarmonicSignalsAcrossTheRange) {
+  // A glide, missing fundamentals (still 200 Hz, not 400), f0max below f0min (or 0) taken as
+  // 500; 550 Hz lies above the default range and is never reported.
+  const struct { double from, to; uint32_t kfirst; double f0min, f0max; } rows[] = {
+      {70, 70, 1, 60, 500},   {150, 150, 1, 0, 0},    {300, 300, 1, 100, 80},  {480, 480, 1, 60, 500},
+      {90, 360, 1, 60, 500},  {200, 200, 2, 60, 500}, {120, 120, 3, 60, 500},  {550, 550, 1, 0, 0}};
+  for (const auto &t : kTrackers)
+    for (const auto &r : rows) {
+      SCOPED_TRACE(testing::Message() << t.name << " " << r.from << "-" << r.to << " Hz from harmonic " << r.kfirst);
+      std::vector<double> f(24000), f0(298, -1.0);
+      for (size_t i = 0; i < f.size(); ++i) f[i] = r.from * std::pow(r.to / r.from, double(i) / f.size());
+      const std::vector<double> x = harmonics(f, r.kfirst);
+      ASSERT_EQ(t.run(x.data(), 24000, 16000, 80, 80, 298, r.f0min, r.f0max, f0.data()), 0);
+      for (uint32_t k = 4; k + 4 < 298; ++k) {
+        if (r.from > 500) ASSERT_LE(f0[k], 500.0) << k;
+        else ASSERT_NEAR(f0[k] / f[(k + 1) * 80], 1.0, t.tol) << "frame " << k << ": " << f0[k] << " Hz";
+      }
     }
-  }
 }
 
-TEST(GetPitch, SilenceEdgesNaNAndRefusals) {
-  std::vector<double> silence(8000, 0.0), f0(120, -1.0);
-  ASSERT_EQ(getpitch(silence.data(), 8000, 16000, 80, 0, 120, 60, 500, f0.data()), 0);
-  EXPECT_EQ(f0, std::vector<double>(120, 0.0));
-  // Empty signal; frames past the end (centres beyond 4000 + window); nframes == 0 writes nothing.
-  ASSERT_EQ(getpitch(nullptr, 0, 16000, 80, 0, 5, 60, 500, f0.data()), 0);
-  EXPECT_EQ(std::vector<double>(f0.begin(), f0.begin() + 5), std::vector<double>(5, 0.0));
-  const std::vector<double> x = harmonic(200, 4000, 10);
-  ASSERT_EQ(getpitch(x.data(), 4000, 16000, 80, 0, 120, 60, 500, f0.data()), 0);
-  for (uint32_t k = 5; k < 120; ++k) EXPECT_NEAR(f0[k], k < 45 ? 200 : 0, k < 45 ? 2 : k < 60 ? 500 : 0) << k;
-  EXPECT_EQ(getpitch(x.data(), 4000, 16000, 80, 0, 0, 60, 500, nullptr) +
-                getpitch(x.data(), 4000, 16000, 80, 4000000000u, 3, 60, 500, f0.data()), 0);
-  // A NaN sample: the input stays as it is; every value is 0 or within the range, and far from
-  // the NaN the pitch is found.
-  std::vector<double> z = harmonic(200, 16000, 10), g(190, -1.0);
+TEST(PitchTrack, NoiseAndSilenceGapsAreUnvoicedAndFramesSitOnTheGrid) {
+  // 0.4 s voiced, 0.3 s white noise, 0.4 s voiced, 0.3 s silence, 0.4 s voiced; frames at least
+  // 30 ms from a boundary, centred on first + k shift.
+  std::vector<double> f;
+  for (const double v : {130, 0, 180, 0, 230}) f.insert(f.end(), v ? 6400 : 4800, v);
+  std::vector<double> x = harmonics(f), f0(298);
+  std::mt19937 gen(3);
+  std::normal_distribution<double> noise(0.0, 0.05);
+  for (size_t i = 6400; i < 11200; ++i) x[i] = noise(gen);
+  for (const auto &t : kTrackers)
+    for (const uint32_t first : {40u, 80u, 120u}) {
+      ASSERT_EQ(t.run(x.data(), 24000, 16000, 80, first, 298, 60, 500, f0.data()), 0);
+      for (uint32_t k = 0; k < 298; ++k) {
+        const size_t c = first + k * 80;
+        bool near = c < 480 || c + 480 > f.size();
+        for (const size_t b : {6400, 11200, 17600, 22400}) near = near || (c + 480 > b && c < b + 480);
+        if (!near) {
+          EXPECT_NEAR(f0[k], f[c], t.tol * f[c]) << t.name << " first " << first << " frame " << k;
+        }
+      }
+    }
+}
+
+TEST(PitchTrack, SilenceEdgesNaNDefaultsAndRefusals) {
+  const std::vector<double> silence(8000, 0.0), x = harmonics(std::vector<double>(4000, 200.0));
+  std::vector<double> z = harmonics(std::vector<double>(16000, 200.0));
   z[8000] = kNaN;
   const std::vector<double> copy = z;
-  ASSERT_EQ(getpitch(z.data(), 16000, 16000, 80, 80, 190, 60, 500, g.data()), 0);
-  EXPECT_TRUE(kestreltest::samebits(z, copy));
-  for (double v : g) EXPECT_TRUE(v == 0 || (v >= 60 && v <= 500)) << v;
-  EXPECT_NEAR(g[20], 200, 2);
-  // Refused, track zeroed {fs, shift, f0min}: no frame step, bad rates, windows of 4.8e10
-  // samples, infinite or 3 samples (5 is the least).
-  const double refused[][3] = {{16000, 0, 60}, {kNaN, 80, 60}, {kInf, 80, 60}, {16000, 80, 1e-6}, {16000, 80, kInf},
-                               {16000, 80, 16001}};
-  for (const auto &c : refused) {
-    std::vector<double> out(10, -1.0);
-    EXPECT_EQ(getpitch(x.data(), 4000, c[0], static_cast<uint32_t>(c[1]), 0, 10, c[2], 0, out.data()), -1) << c[2];
-    EXPECT_EQ(out, std::vector<double>(10, 0.0));
+  // Refused, track zeroed {fs, shift, f0min, f0max}: no frame step, bad rates, windows beyond reason.
+  const double refused[][4] = {{16000, 0, 60, 500}, {kNaN, 80, 60, 500}, {kInf, 80, 60, 500}, {0, 80, 60, 500},
+                               {-16000, 80, 60, 500}, {1e9, 80, 60, 500}, {16000, 80, 1e-6, 500}};
+  for (const auto &t : kTrackers) {
+    SCOPED_TRACE(t.name);
+    std::vector<double> f0(120, -1.0), a(40), b(40), c(40);
+    ASSERT_EQ(t.run(silence.data(), 8000, 16000, 80, 0, 120, 60, 500, f0.data()), 0);
+    EXPECT_EQ(f0, std::vector<double>(120, 0.0));
+    // Empty signal; frames past the end (centres beyond 4000 + window); nframes == 0 writes nothing.
+    f0.assign(120, -1.0);
+    ASSERT_EQ(t.run(nullptr, 0, 16000, 80, 0, 5, 60, 500, f0.data()), 0);
+    EXPECT_EQ(std::vector<double>(f0.begin(), f0.begin() + 6), (std::vector<double>{0, 0, 0, 0, 0, -1}));
+    ASSERT_EQ(t.run(x.data(), 4000, 16000, 80, 0, 120, 60, 500, f0.data()), 0);
+    for (uint32_t k = 5; k < 120; ++k) EXPECT_NEAR(f0[k], k < 45 ? 200 : 0, k < 45 ? 2 : k < 60 ? 500 : 0) << k;
+    EXPECT_EQ(t.run(x.data(), 4000, 16000, 80, 0, 0, 60, 500, nullptr) +
+                  t.run(x.data(), 4000, 16000, 80, 4000000000u, 3, 60, 500, f0.data()), 0);
+    // A NaN sample: the input stays as it is; every value is 0 or within the range, and far from
+    // the NaN the pitch is found.
+    ASSERT_EQ(t.run(z.data(), 16000, 16000, 80, 80, 120, 60, 500, f0.data()), 0);
+    EXPECT_TRUE(samebits(z, copy));
+    for (double v : f0) EXPECT_TRUE(v == 0 || (v >= 60 && v <= 500)) << v;
+    EXPECT_NEAR(f0[20], 200, 2);
+    // Defaults: f0min <= 0 is 60 Hz, f0max <= f0min (or NaN) is 500 Hz.
+    ASSERT_EQ(t.run(x.data(), 4000, 16000, 80, 80, 40, 0, 0, a.data()) +
+                  t.run(x.data(), 4000, 16000, 80, 80, 40, 60, kNaN, b.data()) +
+                  t.run(x.data(), 4000, 16000, 80, 80, 40, 60, 500, c.data()), 0);
+    EXPECT_TRUE(a == c && b == c);
+    for (const auto &r : refused) {
+      std::vector<double> out(10, -1.0);
+      EXPECT_EQ(t.run(x.data(), 4000, r[0], static_cast<uint32_t>(r[1]), 0, 10, r[2], r[3], out.data()), -1) << r[0];
+      EXPECT_EQ(out, std::vector<double>(10, 0.0));
+    }
   }
-  EXPECT_EQ(getpitch(x.data(), 4000, 16000, 80, 0, 10, 9600, 0, f0.data()), 0);  // a 5-sample window
+  // Each tracker's own window limits: getpitch's window of 3 periods of f0min must hold 5
+  // samples, getpitchdp refuses an infinite f0max.
+  std::vector<double> out(10, -1.0);
+  EXPECT_EQ(getpitch(x.data(), 4000, 16000, 80, 0, 10, kInf, 0, out.data()) +
+                getpitch(x.data(), 4000, 16000, 80, 0, 10, 16001, 0, out.data()) +
+                getpitchdp(x.data(), 4000, 16000, 80, 0, 10, 60, kInf, out.data()), -3);
+  EXPECT_EQ(getpitch(x.data(), 4000, 16000, 80, 0, 10, 9600, 0, out.data()), 0);  // a 5-sample window
 }
 
 }  // namespace

@@ -12,9 +12,7 @@
 
 namespace {
 
-using kestreltest::kInf;
-using kestreltest::kNaN;
-using kestreltest::samebits;
+using namespace kestreltest;
 const double kUnvoiced = -1e10;
 
 // Equal element by element, NaN where NaN is expected.
@@ -42,48 +40,40 @@ TEST(PitchModification, ConversionBetweenHzAndLogF0) {
   }
 }
 
-TEST(PitchModification, ShiftMovesVoicedFramesOnly) {
-  // Voiced means strictly above the sentinel: -9.9e9 and -9999999999 are, NaN is not.
-  std::vector<double> t = {std::log(100.0), kUnvoiced, -9.9e9, -2e10, kNaN, 5.0, -kInf, -9999999999.0};
-  std::vector<double> s = t;
-  EXPECT_EQ(shiftlogpitch(static_cast<uint32_t>(s.size()), s.data(), 0.5), 0u);
-  EXPECT_TRUE(sametrack(s, {std::log(100.0) + 0.5, kUnvoiced, -9.9e9 + 0.5, -2e10, kNaN, 5.5, -kInf, -9999999998.5}));
-  // A zero shift (either sign) returns at once: a voiced -0.0 would become +0.0
-  // and NaN payloads would be at risk. A NaN shift is applied to voiced frames only.
-  t[4] = -std::nan("0x123");
-  t[5] = -0.0;
-  s = t;
-  shiftlogpitch(8, s.data(), 0.0);
-  shiftlogpitch(8, s.data(), -0.0);
-  EXPECT_TRUE(samebits(s, t));
-  shiftlogpitch(8, s.data(), kNaN);
-  EXPECT_TRUE(sametrack(s, {kNaN, kUnvoiced, kNaN, -2e10, kNaN, kNaN, -kInf, kNaN}));
-  EXPECT_TRUE(samebits(s[4], t[4]));
-}
-
-TEST(PitchModification, RangeScalingAboutTheVoicedMean) {
-  const struct { std::vector<double> in; double factor; std::vector<double> out; } cases[] = {
-      {{4.0, kUnvoiced, 6.0, -3e10}, 2.0, {3.0, kUnvoiced, 7.0, -3e10}},  // unvoiced: not in the mean, kept
-      {{4.0, kNaN, 6.0}, 2.0, {3.0, kNaN, 7.0}},                           // NaN: neither counted nor summed
-      {{1.0, 2.0, 3.0, 10.0}, 3.0, {-5.0, -2.0, 1.0, 22.0}},  // mean 4 taken before any frame changes
-      {{-9.9e9, 0.0, kUnvoiced}, 2.0, {-1.485e10, 4.95e9, kUnvoiced}},  // -9.9e9 is voiced
-      {{kUnvoiced, -2e10}, 2.0, {kUnvoiced, -2e10}},
-      {{4.0, kUnvoiced, 6.0}, kNaN, {kNaN, kUnvoiced, kNaN}},  // a NaN factor is applied
-  };
+TEST(PitchModification, ShiftAndRangeScalingMoveVoicedFramesOnly) {
+  // Voiced means strictly above the sentinel: -9.9e9 and -9999999999 are, NaN is not (neither
+  // counted nor summed in the mean). The mean is taken before any frame changes; a NaN shift or
+  // factor is applied to voiced frames.
+  using Op = uint32_t (*)(uint32_t, double *, double);
+  const Op shift = shiftlogpitch, scale = scalelogpitchrange;
+  const struct { Op op; std::vector<double> in; double amount; std::vector<double> out; } cases[] = {
+      {shift, {4.0, kUnvoiced, -9.9e9, -2e10, kNaN, -kInf, -9999999999.0}, 0.5,
+       {4.5, kUnvoiced, -9.9e9 + 0.5, -2e10, kNaN, -kInf, -9999999998.5}},
+      {shift, {4.0, kUnvoiced, -9.9e9, kNaN}, kNaN, {kNaN, kUnvoiced, kNaN, kNaN}},
+      {scale, {4.0, kUnvoiced, 6.0, -3e10}, 2.0, {3.0, kUnvoiced, 7.0, -3e10}},
+      {scale, {4.0, kNaN, 6.0}, 2.0, {3.0, kNaN, 7.0}},
+      {scale, {1.0, 2.0, 3.0, 10.0}, 3.0, {-5.0, -2.0, 1.0, 22.0}},
+      {scale, {-9.9e9, 0.0, kUnvoiced}, 2.0, {-1.485e10, 4.95e9, kUnvoiced}},
+      {scale, {kUnvoiced, -2e10}, 2.0, {kUnvoiced, -2e10}},
+      {scale, {4.0, kUnvoiced, 6.0}, kNaN, {kNaN, kUnvoiced, kNaN}}};
   for (const auto &c : cases) {
     std::vector<double> t = c.in;
-    EXPECT_EQ(scalelogpitchrange(static_cast<uint32_t>(t.size()), t.data(), c.factor), 0u);
-    EXPECT_TRUE(sametrack(t, c.out)) << "factor " << c.factor;
+    EXPECT_EQ(c.op(static_cast<uint32_t>(t.size()), t.data(), c.amount), 0u);
+    EXPECT_TRUE(sametrack(t, c.out)) << "case " << &c - cases;
   }
   // -0.0 about a mean of 0 by 2: (-0 - 0) * 2 + 0 = +0.
   std::vector<double> z = {-0.0, 0.0};
   scalelogpitchrange(2, z.data(), 2.0);
   EXPECT_FALSE(std::signbit(z[0]));
-  // Factor exactly 1 returns at once: 0.1 would otherwise come back as 0.10000000000000003.
-  std::vector<double> t = {0.1, -std::nan("0x55"), 0.7, kUnvoiced};
-  const std::vector<double> before = t;
-  scalelogpitchrange(4, t.data(), 1.0);
-  EXPECT_TRUE(samebits(t, before));
+  // A zero shift (either sign) and a factor of exactly 1 return at once: a voiced -0.0 would
+  // become +0.0, NaN payloads would be at risk, 0.1 would come back as 0.10000000000000003.
+  const std::vector<double> before = {0.1, -std::nan("0x55"), -0.0, 0.7, kUnvoiced};
+  const std::pair<Op, double> noops[] = {{shift, 0.0}, {shift, -0.0}, {scale, 1.0}};
+  for (const auto &n : noops) {
+    std::vector<double> t = before;
+    n.first(5, t.data(), n.second);
+    EXPECT_TRUE(samebits(t, before)) << n.second;
+  }
 }
 
 }  // namespace

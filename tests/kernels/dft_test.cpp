@@ -1,12 +1,12 @@
-// FFT kernels: a plain radix-2 transform, itself checked against a direct DFT
-// in long double, pins the bits of every path (both layouts, plans, any
-// direction value); degenerate lengths leave the data alone.
+// FFT kernels: a plain radix-2 transform pins the bits of every path (both
+// layouts, plans, any direction value); degenerate lengths leave the data
+// alone. That the transform is a DFT shows against direct sums where it is
+// used: the autocorrelation, the noise spectrum and the noise generator.
 #include "dft.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <complex>
 #include <cstdint>
 #include <vector>
 
@@ -14,9 +14,7 @@
 
 namespace {
 
-using kestreltest::samebits;
-using kestreltest::uniformvec;
-using cld = std::complex<long double>;
+using namespace kestreltest;
 
 // The straightforward transform the kernels replace: k outer, groups inner,
 // twiddles advanced per k, bit reversal bit by bit. Direction -1 is the
@@ -43,32 +41,9 @@ void referencefft(int32_t n, double *re, double *im, int8_t direction) {
         const double pre = re[p], pim = im[p];
         re[p] = pre + tre, im[p] = pim + tim, re[q] = pre - tre, im[q] = pim - tim;
       }
-      kestreltest::refrotate(wre, wim, ct, st);
+      refrotate(wre, wim, ct, st);
     }
   }
-}
-
-TEST(Dft, ReferenceMatchesTheDirectDft) {
-  // X[k] = sum_j x[j] exp(sign 2 pi i j k / n), angles reduced exactly with (j k) mod n. Rounding
-  // and the twiddle recurrence's drift stay far below the bound; a wrong sign, twiddle or
-  // permutation gives errors of order of the peak.
-  const long double kPiL = 3.141592653589793238462643383279502884L;
-  for (int32_t n : {2, 8, 128, 2048})
-    for (int8_t dir : {int8_t{1}, int8_t{-1}}) {
-      std::vector<double> x = uniformvec(2 * n, 1000 + n);
-      const std::vector<double> in = x;
-      referencefft(n, x.data(), x.data() + n, dir);
-      std::vector<cld> root(n);
-      for (int32_t m = 0; m < n; ++m) root[m] = std::polar(1.0L, (dir == -1 ? 2 : -2) * kPiL * m / n);
-      long double peak = 0, worst = 0;
-      for (int32_t k = 0; k < n; ++k) {
-        cld X = 0;
-        for (int32_t j = 0; j < n; ++j) X += cld(in[j], in[n + j]) * root[(int64_t{j} * k) % n];
-        peak = std::max(peak, std::abs(X));
-        worst = std::max(worst, std::abs(cld(x[k], x[n + k]) - X));
-      }
-      EXPECT_LT(static_cast<double>(worst), 1e-13 * static_cast<double>(peak)) << n << " " << int(dir);
-    }
 }
 
 TEST(Dft, EveryPathAndDirectionGivesTheReferenceBits) {
@@ -76,7 +51,7 @@ TEST(Dft, EveryPathAndDirectionGivesTheReferenceBits) {
   // data with huge and subnormal values, and on sparse data of signed zeros, where any change
   // of operation shows in the signs of zero results. (A NaN or infinity would spread over the
   // whole output and hide the rest.)
-  for (int32_t n = 2; n <= 16384; n *= 2)
+  for (int32_t n = 1; n <= 16384; n *= 2)  // n = 1: no stage runs, the data comes back as it was
     for (int sparse = 0; sparse < 2; ++sparse) {
       std::vector<double> in = uniformvec(2 * n, 77 + n);
       const double specials[] = {1e300, -1e-310, 5e-324, -0.0, 0.0, -1e300};
@@ -106,13 +81,6 @@ TEST(Dft, EveryPathAndDirectionGivesTheReferenceBits) {
 }
 
 TEST(Dft, DegenerateLengthsLeaveDataAlone) {
-  // n = 1: no stage runs, whatever the data (even a NaN) comes back bit for bit.
-  for (int8_t dir : {int8_t{1}, int8_t{-1}}) {
-    double re[1] = {-3.25}, im[1] = {std::nan("")}, x[2] = {7.5, -0.0};
-    dofftr(1, re, im, dir);
-    dofftc(1, x, dir);
-    EXPECT_TRUE(re[0] == -3.25 && std::isnan(im[0]) && x[0] == 7.5 && std::signbit(x[1]));
-  }
   // n = 0: nothing is read or written.
   double guard[4] = {1.0, 2.0, 3.0, 4.0};
   EXPECT_EQ(fftc(0, guard) + ifftr(0, guard, guard + 2) + fftc(0, nullptr) + ifftr(0, nullptr, nullptr), 0u);

@@ -72,24 +72,22 @@ TEST(Windowing, WindowedSegmentEdgesAndResult) {
 }
 
 TEST(Windowing, OverlapAddWeights) {
-  // Weights 0, 1/4, ..., 1, ..., 1/4; a NaN just past the frame's span would
-  // poison out[8] if it were read.
-  std::vector<double> out(10, 0.0), frame(9, 1.0);
-  frame[8] = kNaN;
-  out[8] = 42.0;
-  EXPECT_EQ(olatriang(out.data(), frame.data(), 0, 4, 8), 0u);
-  EXPECT_EQ(out, (std::vector<double>{0.0, 0.25, 0.5, 0.75, 1.0, 0.75, 0.5, 0.25, 42.0, 0.0}));
-  // The sample is multiplied by the integer numerator and then divided: 7*1/3
-  // and 7*2/3 round differently from 7*(1/3) and 7*(2/3). An asymmetric frame
-  // away from 0, accumulating; then a frame with no rising side (weight 1 first).
-  out.assign(9, 1.0);
-  frame.assign(5, 7.0);
-  olatriang(out.data(), frame.data(), 2, 5, 7);
-  EXPECT_EQ(out, (std::vector<double>{1, 1, 1, 1 + 7.0 / 3.0, 1 + 14.0 / 3.0, 8, 1 + 7.0 / 2.0, 1, 1}));
-  out.assign(4, 0.0);
-  frame.assign(3, 2.0);
-  olatriang(out.data(), frame.data(), 0, 0, 3);
-  EXPECT_EQ(out, (std::vector<double>{2.0, 2.0 * 2.0 / 3.0, 2.0 / 3.0, 0.0}));
+  // Weights 0, 1/4, ..., 1, ..., 1/4, a NaN just past the frame's span that would poison out[8]
+  // if it were read; the sample multiplied by the integer numerator and then divided (7*1/3 and
+  // 7*2/3 round differently from 7*(1/3) and 7*(2/3)), an asymmetric frame away from 0,
+  // accumulating; a frame with no rising side (weight 1 first).
+  const struct { std::vector<double> out, frame; uint32_t start, centre, end; std::vector<double> want; } cases[] = {
+      {{0, 0, 0, 0, 0, 0, 0, 0, 42, 0}, {1, 1, 1, 1, 1, 1, 1, 1, kNaN}, 0, 4, 8,
+       {0.0, 0.25, 0.5, 0.75, 1.0, 0.75, 0.5, 0.25, 42.0, 0.0}},
+      {std::vector<double>(9, 1.0), std::vector<double>(5, 7.0), 2, 5, 7,
+       {1, 1, 1, 1 + 7.0 / 3.0, 1 + 14.0 / 3.0, 8, 1 + 7.0 / 2.0, 1, 1}},
+      {std::vector<double>(4, 0.0), std::vector<double>(3, 2.0), 0, 0, 3, {2.0, 2.0 * 2.0 / 3.0, 2.0 / 3.0, 0.0}}};
+  for (const auto &c : cases) {
+    std::vector<double> out = c.out;
+    EXPECT_EQ(olatriang(out.data(), c.frame.data(), c.start, c.centre, c.end), 0u);
+    EXPECT_EQ(out, c.want) << c.start << " " << c.centre << " " << c.end;
+  }
+  std::vector<double> out, frame;
   // Neighbouring frames at centres P and 2P, as the synthesis lays them, add
   // up to exactly the constant on P .. 2P-1.
   for (uint32_t P : {1u, 7u, 80u, 257u})

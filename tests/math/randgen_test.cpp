@@ -39,12 +39,4 @@ TEST(Randgen, BatchDrawsContinueTheSameSequence) {
   }
 }
 
-TEST(Randgen, ACopiedStateContinuesTheSameSequence) {
-  RANDGEN a;
-  randgenseed(&a, 7);
-  for (int i = 0; i < 45; ++i) randgendraw(&a);
-  RANDGEN b = a;
-  for (int i = 0; i < 100; ++i) ASSERT_EQ(randgendraw(&a), randgendraw(&b)) << i;
-}
-
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -14,6 +15,7 @@
 
 namespace kestreltest {
 
+constexpr double kPi = 3.141592653589793;
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 const double kInf = std::numeric_limits<double>::infinity();
 
@@ -30,25 +32,22 @@ inline ::testing::AssertionResult samebits(const std::vector<double> &a, const s
 
 // n values uniform in [-scale, scale) and n normal values of deviation sigma, drawn in order from a
 // 64-bit Mersenne twister seeded with seed.
-inline std::vector<double> uniformvec(size_t n, uint64_t seed, double scale = 1.0) {
+template <class Dist>
+std::vector<double> randomvec(size_t n, uint64_t seed, Dist dist) {
   std::mt19937_64 gen(seed);
-  std::uniform_real_distribution<double> dist(-scale, scale);
   std::vector<double> v(n);
   for (double &d : v) d = dist(gen);
   return v;
 }
+inline std::vector<double> uniformvec(size_t n, uint64_t seed, double scale = 1.0) {
+  return randomvec(n, seed, std::uniform_real_distribution<double>(-scale, scale));
+}
 inline std::vector<double> gaussvec(size_t n, double sigma, uint64_t seed) {
-  std::mt19937_64 gen(seed);
-  std::normal_distribution<double> dist(0.0, sigma);
-  std::vector<double> v(n);
-  for (double &d : v) d = dist(gen);
-  return v;
+  return randomvec(n, seed, std::normal_distribution<double>(0.0, sigma));
 }
 
 inline bool allfinite(const std::vector<double> &v) {
-  for (double d : v)
-    if (!std::isfinite(d)) return false;
-  return true;
+  return std::all_of(v.begin(), v.end(), [](double d) { return std::isfinite(d); });
 }
 
 // (c, s) advanced by the angle whose cosine and sine are (c1, s1).

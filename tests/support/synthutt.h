@@ -21,8 +21,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
-#include <string>
 #include <vector>
 
 #include "ccanalysis.h"
@@ -200,36 +198,6 @@ inline SynthUtterance makesynthutterance(const SynthUttOptions &opt = SynthUttOp
     }
   }
   return u;
-}
-
-struct SynthUttFiles { std::string f0, cc, fv; };
-
-inline bool writefloat32(const std::string &path, const std::vector<double> &v) {
-  std::vector<float> f(v.begin(), v.end());
-  FILE *fp = std::fopen(path.c_str(), "wb");
-  if (!fp) return false;
-  const size_t n = f.empty() ? 0 : std::fwrite(f.data(), sizeof(float), f.size(), fp);
-  return (std::fclose(fp) == 0) && n == f.size();
-}
-
-// Cepstra as stored for the decoder's default (HTS) scaling: c0 + 5, ck * 2.
-inline std::vector<double> htsscaledcc(const SynthUtterance &u) {
-  std::vector<double> c = u.cc;
-  const size_t p1 = u.order + 1;
-  for (size_t i = 0; i < c.size(); ++i) c[i] = (i % p1 == 0) ? c[i] + 5.0 : c[i] * 2.0;
-  return c;
-}
-
-// Writes <dir>/<stem>.lf0, .cc and .fv as headerless host-order float32. With
-// htsscaled (the decoder's default --htsscale=1) the cepstra are stored so that
-// the decoder's rescaling brings back (the float32 rounding of) u.cc.
-inline bool writesynthutterance(const SynthUtterance &u, const std::string &dir, SynthUttFiles *files,
-                                bool htsscaled = true, const std::string &stem = "utt") {
-  SynthUttFiles p{dir + "/" + stem + ".lf0", dir + "/" + stem + ".cc", dir + "/" + stem + ".fv"};
-  const bool ok = writefloat32(p.f0, u.logf0) && writefloat32(p.cc, htsscaled ? htsscaledcc(u) : u.cc) &&
-                  writefloat32(p.fv, u.fv);
-  if (files) *files = p;
-  return ok;
 }
 
 }  // namespace kestreltest
