@@ -266,11 +266,12 @@ void harmonicrows(bool avx2, uint32_t p, uint32_t nh, double f0, double fs, doub
 // gennoisefromlogspectrumr with the frame's draws taken in one batch and the
 // inverse FFT from a plan made once per utterance: the same operations on the
 // same values. The frame's draws are the utterance's draws firstdraw on; those
-// inside the noise-phase table come from it, the rest from *state, which is at
-// draw max(firstdraw, kNoisePhaseDraws) and is advanced past them. draws holds
-// nfft/2 - 1 values.
-void noiseframe(double *buf, uint32_t nfft, double fs, RANDGEN *state, uint64_t firstdraw, int32_t *draws,
-                const FFTPLAN *inverse) {
+// inside the noise-phase table come from it, the rest from predrawn when given
+// (at the same indices), else from *state, which is at draw
+// max(firstdraw, kNoisePhaseDraws) and is advanced past them. scratch and
+// predrawn hold nfft/2 - 1 values.
+void noiseframe(double *buf, uint32_t nfft, double fs, RANDGEN *state, uint64_t firstdraw, int32_t *scratch,
+                const int32_t *predrawn, const FFTPLAN *inverse) {
   double *re = buf;
   double *im = buf + nfft;
   const uint32_t half = nfft / 2;
@@ -278,7 +279,11 @@ void noiseframe(double *buf, uint32_t nfft, double fs, RANDGEN *state, uint64_t 
   const uint32_t count = half - 1;
   const uint64_t left = firstdraw < kestrel::kNoisePhaseDraws ? kestrel::kNoisePhaseDraws - firstdraw : 0;
   const uint32_t intable = left < count ? static_cast<uint32_t>(left) : count;
-  randgendraws(state, draws + intable, count - intable);
+  const int32_t *draws = predrawn;
+  if (!draws) {
+    randgendraws(state, scratch + intable, count - intable);
+    draws = scratch;
+  }
   const double *table = kestrel::noisephases().cs + 2 * (intable > 0 ? firstdraw : 0);
   re[0] = im[0] = 0.0;
   re[half] = im[half] = 0.0;
@@ -364,7 +369,6 @@ struct Utterance {
 
 // What a frame takes from the frames before it, fixed by the serial pre-pass.
 struct FrameState {
-  RANDGEN noise;       // generator at draw max(firstdraw, kNoisePhaseDraws)
   uint64_t firstdraw;  // the frame's first noise draw in the utterance
   double f;       // f0 after the range and fv checks (0: unvoiced)
   double fvi;     // maximum voiced frequency (voiced frames)
@@ -419,8 +423,10 @@ double voicing(const Utterance &u, double fvtrack, double f, const double *c, do
 }
 
 // Synthesises a frame (cepstrum c, changed by the c0 round trip) with its
-// noise drawn from *noise; returns its 2*shift samples, in w's work area.
-const double *synthframe(const Utterance &u, double *c, const FrameState &st, RANDGEN *noise, FrameWork *w) {
+// noise drawn from *noise, or taken from predrawn (noiseframe); returns its
+// 2*shift samples, in w's work area.
+const double *synthframe(const Utterance &u, double *c, const FrameState &st, RANDGEN *noise,
+                         const int32_t *predrawn, FrameWork *w) {
   double *amps = w->area.data();
   double *phases = amps + u.nhmax;
   double *grid = phases + u.nhmax;
@@ -435,7 +441,7 @@ const double *synthframe(const Utterance &u, double *c, const FrameState &st, RA
   if (f > 0) applyhpfilterlog(u.nenv, kGridStep, grid, st.fvi);
 
   resamplelogampenv(kGridStep, grid, u.nenv, dfbin, re + 1, nbins);
-  noiseframe(re, u.nfft, u.fs, noise, st.firstdraw, w->draws.data(), u.inverse);
+  noiseframe(re, u.nfft, u.fs, noise, st.firstdraw, w->draws.data(), predrawn, u.inverse);
 
   if (f > 0) {
     uint32_t nh = hanoharms(u.fs, st.fvi, f);
@@ -487,6 +493,7 @@ struct CCSTREAM {
   uint32_t threads = 1;
   uint64_t depth = 1;  // frames in flight at most
   std::vector<double> envm, segments;
+  std::vector<int32_t> ringdraws;  // per slot: the frame's draws past the noise-phase table
   std::vector<FrameWork> work;
   std::vector<FrameState> states;
   FFTPLAN *inverse = nullptr;
@@ -572,6 +579,7 @@ struct CCSTREAM {
       // One thread synthesises each frame as it goes: no segments to hold.
       if (threads > 1) {
         segments.resize(static_cast<size_t>(depth * twoshift));
+        ringdraws.resize(static_cast<size_t>(depth * (u.nfft / 2 - 1)));
         done.reset(new std::atomic<uint64_t>[static_cast<size_t>(depth)]());
       }
       states.resize(static_cast<size_t>(depth));
@@ -605,7 +613,6 @@ struct CCSTREAM {
   // cepstrum c) from the frames before it. The draw count moves past the
   // frame's draws; the generator is left for the caller to advance.
   void nextstate(double f0, double fvtrack, const double *c, FrameState *st) {
-    st->noise = noise;
     st->firstdraw = drawn;
     drawn += u.nfft / 2 - 1;
     st->f = voicing(u, fvtrack, f0, c, &st->fvi);
@@ -634,8 +641,9 @@ struct CCSTREAM {
   void synthslot(uint64_t i, FrameWork *w) {
     const uint64_t slot = i % depth;
     const uint64_t twoshift = 2 * static_cast<uint64_t>(u.shift);
-    RANDGEN draws = states[slot].noise;
-    const double *frame = synthframe(u, callcc + (i - callfirst) * u.p1, states[slot], &draws, w);
+    const uint64_t nbins = u.nfft / 2 - 1;
+    const double *frame =
+        synthframe(u, callcc + (i - callfirst) * u.p1, states[slot], nullptr, ringdraws.data() + slot * nbins, w);
     double *seg = segments.data() + slot * twoshift;
     for (uint64_t k = 0; k < twoshift; ++k) seg[k] = frame[k];
     done[slot].store(i + 1, std::memory_order_release);
@@ -675,7 +683,7 @@ struct CCSTREAM {
       for (uint64_t i = first; i < end; ++i) {
         double *c = cc + (i - first) * u.p1;
         nextstate(f0[i - first], fv ? fv[i - first] : 0.0, c, &states[0]);
-        emit(i, synthframe(u, c, states[0], &noise, &work[0]));
+        emit(i, synthframe(u, c, states[0], &noise, nullptr, &work[0]));
       }
       nframes = end;
       return;
@@ -695,9 +703,11 @@ struct CCSTREAM {
           const uint64_t j = fixed - first;
           FrameState &st = states[fixed % depth];
           nextstate(f0[j], fv ? fv[j] : 0.0, cc + j * u.p1, &st);
-          // The draws the frame takes from the generator, past the table.
+          // The frame's draws past the table, at the end of its bins, drawn here
+          // once, in order, for whichever thread synthesises it.
           const uint64_t past = drawn > kestrel::kNoisePhaseDraws ? drawn - kestrel::kNoisePhaseDraws : 0;
-          randgendraws(&noise, work[0].draws.data(), static_cast<uint32_t>(past < nbins ? past : nbins));
+          const uint32_t m = static_cast<uint32_t>(past < nbins ? past : nbins);
+          randgendraws(&noise, ringdraws.data() + (fixed % depth) * nbins + (nbins - m), m);
         }
         {
           std::lock_guard<std::mutex> l(m);
