@@ -4,7 +4,7 @@
 //
 //   threads_eval REPEATS MAXTHREADS file.wav
 //
-// For 1 .. MAXTHREADS threads prints the median wall time of REPEATS runs of
+// For 1 .. MAXTHREADS threads (taking turns) prints the median wall time of REPEATS runs of
 // the analysis (getpitchdpthreads, getfvoicingthreads, waveform2ccthreads) and
 // of the synthesis from its features (cc2waveformthreads), the speed-up over
 // one thread, and whether every track, cepstrum and sample equals the
@@ -59,34 +59,38 @@ int main(int argc, char **argv) {
   std::free(raw);
   const uint32_t nframes = (n - 1 + kShift - 1) / kShift - 1;
   const uint32_t len = getwaveformlength(kShift, nframes);
-  std::vector<double> f01, fv1, cc1, y1;
   std::printf("%s: %.1f s\nthreads\tanalysis_s\tspeedup\tsynthesis_s\tspeedup\tidentical\n", argv[3], n / kFs);
-  double ana1 = 0, syn1 = 0;
+  // Thread counts take turns within each repeat, so that a machine whose speed
+  // drifts slows every count alike.
+  struct Run {
+    std::vector<double> f0, fv, cc, y, ta, ts;
+  };
+  std::vector<Run> runs(static_cast<size_t>(maxthreads));
+  for (Run &u : runs) {
+    u.f0.resize(nframes), u.fv.resize(nframes), u.y.resize(len);
+    u.cc.resize(static_cast<size_t>(kOrder + 1) * nframes);
+  }
+  for (int r = 0; r < repeats; ++r)
+    for (int t = 1; t <= maxthreads; ++t) {
+      Run &u = runs[static_cast<size_t>(t - 1)];
+      u.ta.push_back(walltime([&] {
+        getpitchdpthreads(x.data(), n, kFs, kShift, kShift, nframes, 60.0, 500.0, u.f0.data(), t);
+        getfvoicingthreads(x.data(), n, kFs, kShift, kShift, nframes, u.f0.data(), u.fv.data(), t);
+        waveform2ccthreads(x.data(), n, kFs, kShift, kShift, nframes, u.f0.data(), kOrder, u.cc.data(), 0.42, 0, t);
+      }));
+      std::vector<double> c = u.cc;
+      u.ts.push_back(walltime([&] {
+        cc2waveformthreads(u.y.data(), len, kFs, kShift, nframes, u.f0.data(), u.fv.data(), kOrder, c.data(), 0.42, t);
+      }));
+    }
+  const Run &one = runs[0];
   for (int t = 1; t <= maxthreads; ++t) {
-    std::vector<double> f0(nframes), fv(nframes), cc(static_cast<size_t>(kOrder + 1) * nframes), y(len), ta, ts;
-    for (int r = 0; r < repeats; ++r) {
-      ta.push_back(walltime([&] {
-        getpitchdpthreads(x.data(), n, kFs, kShift, kShift, nframes, 60.0, 500.0, f0.data(), t);
-        getfvoicingthreads(x.data(), n, kFs, kShift, kShift, nframes, f0.data(), fv.data(), t);
-        waveform2ccthreads(x.data(), n, kFs, kShift, kShift, nframes, f0.data(), kOrder, cc.data(), 0.42, 0, t);
-      }));
-      std::vector<double> c = cc;
-      ts.push_back(walltime([&] {
-        cc2waveformthreads(y.data(), len, kFs, kShift, nframes, f0.data(), fv.data(), kOrder, c.data(), 0.42, t);
-      }));
-    }
-    if (t == 1) {
-      f01 = f0;
-      fv1 = fv;
-      cc1 = cc;
-      y1 = y;
-      ana1 = median(ta);
-      syn1 = median(ts);
-    }
-    const bool same = f0 == f01 && fv == fv1 && std::memcmp(cc.data(), cc1.data(), cc.size() * sizeof(double)) == 0 &&
-                      std::memcmp(y.data(), y1.data(), y.size() * sizeof(double)) == 0;
-    std::printf("%d\t%.4f\t%.2f\t%.4f\t%.2f\t%s\n", t, median(ta), ana1 / median(ta), median(ts), syn1 / median(ts),
-                same ? "yes" : "NO");
+    const Run &u = runs[static_cast<size_t>(t - 1)];
+    const bool same = u.f0 == one.f0 && u.fv == one.fv &&
+                      std::memcmp(u.cc.data(), one.cc.data(), u.cc.size() * sizeof(double)) == 0 &&
+                      std::memcmp(u.y.data(), one.y.data(), u.y.size() * sizeof(double)) == 0;
+    std::printf("%d\t%.4f\t%.2f\t%.4f\t%.2f\t%s\n", t, median(u.ta), median(one.ta) / median(u.ta), median(u.ts),
+                median(one.ts) / median(u.ts), same ? "yes" : "NO");
   }
   return 0;
 }
