@@ -22,6 +22,8 @@
 #include <thread>
 #include <vector>
 
+#include <unistd.h>
+
 #include "ccanalysis.h"
 #include "dft.h"
 #include "harmonicanalysis.h"
@@ -518,8 +520,18 @@ struct CCSTREAM {
   std::unique_ptr<std::atomic<uint64_t>[]> done;  // per slot: frame number + 1 once synthesised
   double *callcc = nullptr;  // cepstra of the frames of the current push, from frame callfirst on
   uint64_t callfirst = 0;
+  pid_t owner = ::getpid();  // a forked child has none of the workers
+
+  bool forked() const { return ::getpid() != owner; }
 
   ~CCSTREAM() {
+    if (forked()) {
+      // The workers and their lock belong to the parent: their handles are
+      // left unreleased rather than joined.
+      new std::vector<std::thread>(std::move(crew));
+      fftplanfree(inverse);
+      return;
+    }
     {
       std::lock_guard<std::mutex> l(m);
       stop = true;
@@ -679,7 +691,9 @@ struct CCSTREAM {
   template <class Emit>
   void synth(uint32_t n, const double *f0, const double *fv, double *cc, Emit emit) {
     const uint64_t first = nframes, end = nframes + n;
-    if (threads <= 1) {  // each frame as its state is fixed, drawing from the utterance's generator
+    // One thread synthesises each frame as its state is fixed, drawing from the
+    // utterance's generator; so does a forked child, which has no workers.
+    if (threads <= 1 || forked()) {
       for (uint64_t i = first; i < end; ++i) {
         double *c = cc + (i - first) * u.p1;
         nextstate(f0[i - first], fv ? fv[i - first] : 0.0, c, &states[0]);

@@ -8,6 +8,9 @@
 #include <cstdlib>
 #include <vector>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include "ccanalysis.h"
 #include "dft.h"
 #include "harmonicanalysis.h"
@@ -299,6 +302,36 @@ TEST(Cc2waveform, ShortOutputsStreamsAndEveryThreadCountGiveTheWholeUtteranceBit
     }
   }
   EXPECT_EQ(ccstreamopen(16000.0, 0, 39, 0.42, 100.0, 0, 0.0, 1.0, 1), nullptr);
+}
+
+TEST(CcStream, AChildForkedWithAStreamOpenGoesOnAloneToTheSameBits) {
+  // The child has none of the parent's workers: it synthesises on its own thread and closes
+  // the stream without waiting for them (alarm: a hang fails the test instead of stalling it).
+  const SynthUtterance u = utterance(1.0, 4);
+  const uint32_t L = getwaveformlength(u.shift, u.nframes), half = u.nframes / 2;
+  std::vector<double> full(L), cc = u.cc, out(L);
+  ASSERT_EQ(cc2waveform(full.data(), L, u.fs, u.shift, u.nframes, u.f0.data(), u.fv.data(), u.order, cc.data(),
+                        u.alpha), 0);
+  double f0min, c0min, c0max;
+  ASSERT_EQ(ccstreamprescan(u.nframes, u.f0.data(), u.cc.data(), u.order, 1, &f0min, &c0min, &c0max), 0);
+  CCSTREAM *st = ccstreamopen(u.fs, u.shift, u.order, u.alpha, f0min, 1, c0min, c0max, 2);
+  ASSERT_NE(st, nullptr);
+  cc = u.cc;
+  ASSERT_EQ(ccstreampush(st, half, u.f0.data(), u.fv.data(), cc.data()), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(30);
+    const size_t skip = size_t(half) * (u.order + 1);
+    const bool pushed = ccstreampush(st, u.nframes - half, u.f0.data() + half, u.fv.data() + half, cc.data() + skip) == 0;
+    ccstreamfinish(st);
+    const bool same = ccstreampull(st, out.data(), L) == L && samebits(out, full);
+    ccstreamclose(st);
+    _exit(pushed && same ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  ccstreamclose(st);
 }
 
 TEST(Cc2waveform, DegenerateInputsAreSafe) {
