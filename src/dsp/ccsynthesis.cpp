@@ -508,13 +508,17 @@ struct CCSTREAM {
   std::vector<double> acc;
   uint64_t acc0 = 0, ready = 0, pulled = 0;
 
-  // The worker threads and what they share with the calling thread. Frame
-  // numbers count from the start of the utterance.
-  std::vector<std::thread> crew;
-  std::mutex m;
-  std::condition_variable wake;      // workers: frames to take, or stop
-  std::condition_variable framedone;  // calling thread: a frame is done
-  bool stop = false;                  // guarded by m
+  // The worker threads and what they share with the calling thread, held
+  // apart so that a forked child can leave them to the parent untouched.
+  struct Crew {
+    std::vector<std::thread> workers;
+    std::mutex m;
+    std::condition_variable wake;       // workers: frames to take, or stop
+    std::condition_variable framedone;  // calling thread: a frame is done
+    bool stop = false;                  // guarded by m
+  };
+  std::unique_ptr<Crew> crew;
+  // Frame numbers count from the start of the utterance.
   std::atomic<uint64_t> published{0};  // frames below this have their state fixed
   std::atomic<uint64_t> claimed{0};    // frames below this are taken by a thread
   std::unique_ptr<std::atomic<uint64_t>[]> done;  // per slot: frame number + 1 once synthesised
@@ -525,19 +529,18 @@ struct CCSTREAM {
   bool forked() const { return ::getpid() != owner; }
 
   ~CCSTREAM() {
-    if (forked()) {
-      // The workers and their lock belong to the parent: their handles are
-      // left unreleased rather than joined.
-      new std::vector<std::thread>(std::move(crew));
-      fftplanfree(inverse);
-      return;
+    if (crew && forked()) {
+      // The workers, their lock and their conditions belong to the parent
+      // (a worker may be waiting in the copy): left as they are.
+      static_cast<void>(crew.release());
+    } else if (crew) {
+      {
+        std::lock_guard<std::mutex> l(crew->m);
+        crew->stop = true;
+      }
+      crew->wake.notify_all();
+      for (std::thread &t : crew->workers) t.join();
     }
-    {
-      std::lock_guard<std::mutex> l(m);
-      stop = true;
-    }
-    wake.notify_all();
-    for (std::thread &t : crew) t.join();
     fftplanfree(inverse);
   }
 
@@ -593,6 +596,7 @@ struct CCSTREAM {
         segments.resize(static_cast<size_t>(depth * twoshift));
         ringdraws.resize(static_cast<size_t>(depth * (u.nfft / 2 - 1)));
         done.reset(new std::atomic<uint64_t>[static_cast<size_t>(depth)]());
+        crew.reset(new Crew);
       }
       states.resize(static_cast<size_t>(depth));
       work.resize(threads);
@@ -613,7 +617,7 @@ struct CCSTREAM {
     // A worker that cannot be started leaves its frames to the others.
     for (uint32_t t = 1; t < threads; ++t) {
       try {
-        crew.emplace_back(&CCSTREAM::worker, this, &work[t]);
+        crew->workers.emplace_back(&CCSTREAM::worker, this, &work[t]);
       } catch (...) {
         break;
       }
@@ -660,9 +664,9 @@ struct CCSTREAM {
     for (uint64_t k = 0; k < twoshift; ++k) seg[k] = frame[k];
     done[slot].store(i + 1, std::memory_order_release);
     {
-      std::lock_guard<std::mutex> l(m);  // the calling thread may be about to wait for this frame
+      std::lock_guard<std::mutex> l(crew->m);  // the calling thread may be about to wait for this frame
     }
-    framedone.notify_one();
+    crew->framedone.notify_one();
   }
 
   void worker(FrameWork *w) {
@@ -679,9 +683,9 @@ struct CCSTREAM {
         return claimed.load(std::memory_order_relaxed) < published.load(std::memory_order_relaxed);
       };
       if (spinfor(kSpinTime, pending)) continue;
-      std::unique_lock<std::mutex> l(m);
-      wake.wait(l, [&] { return stop || pending(); });
-      if (stop) return;
+      std::unique_lock<std::mutex> l(crew->m);
+      crew->wake.wait(l, [&] { return crew->stop || pending(); });
+      if (crew->stop) return;
     }
   }
 
@@ -724,10 +728,10 @@ struct CCSTREAM {
           randgendraws(&noise, ringdraws.data() + (fixed % depth) * nbins + (nbins - m), m);
         }
         {
-          std::lock_guard<std::mutex> l(m);
+          std::lock_guard<std::mutex> l(crew->m);
           published.store(fixed, std::memory_order_release);
         }
-        wake.notify_all();
+        crew->wake.notify_all();
         continue;
       }
       if (done[out % depth].load(std::memory_order_acquire) == out + 1) {
@@ -741,8 +745,8 @@ struct CCSTREAM {
         continue;
       }
       // Every fixed frame is taken: wait for the one to overlap-add next.
-      std::unique_lock<std::mutex> l(m);
-      framedone.wait(l, [&] { return done[out % depth].load(std::memory_order_acquire) == out + 1; });
+      std::unique_lock<std::mutex> l(crew->m);
+      crew->framedone.wait(l, [&] { return done[out % depth].load(std::memory_order_acquire) == out + 1; });
     }
     nframes = end;
   }

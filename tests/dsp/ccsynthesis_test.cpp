@@ -306,7 +306,8 @@ TEST(Cc2waveform, ShortOutputsStreamsAndEveryThreadCountGiveTheWholeUtteranceBit
 
 TEST(CcStream, AChildForkedWithAStreamOpenGoesOnAloneToTheSameBits) {
   // The child has none of the parent's workers: it synthesises on its own thread and closes
-  // the stream without waiting for them (alarm: a hang fails the test instead of stalling it).
+  // the stream without touching their lock or conditions (alarm: a hang fails the test
+  // instead of stalling it).
   const SynthUtterance u = utterance(1.0, 4);
   const uint32_t L = getwaveformlength(u.shift, u.nframes), half = u.nframes / 2;
   std::vector<double> full(L), cc = u.cc, out(L);
@@ -318,9 +319,10 @@ TEST(CcStream, AChildForkedWithAStreamOpenGoesOnAloneToTheSameBits) {
   ASSERT_NE(st, nullptr);
   cc = u.cc;
   ASSERT_EQ(ccstreampush(st, half, u.f0.data(), u.fv.data(), cc.data()), 0);
+  usleep(20000);  // the parent's workers asleep on their condition, as between the pushes of a run
   const pid_t child = fork();
   if (child == 0) {
-    alarm(30);
+    alarm(10);
     const size_t skip = size_t(half) * (u.order + 1);
     const bool pushed = ccstreampush(st, u.nframes - half, u.f0.data() + half, u.fv.data() + half, cc.data() + skip) == 0;
     ccstreamfinish(st);
