@@ -168,15 +168,12 @@ void fillrows(uint32_t p, uint32_t r, double w, const double *freqs, double alph
   for (uint32_t k = 1; k <= p; ++k) {
 #pragma GCC unroll 4
     for (uint32_t v = 0; v < V; ++v) {
-      const v2d nc = c[v] * vc1[v] - s[v] * vs1[v];
-      const v2d ns = s[v] * vc1[v] + c[v] * vs1[v];
-      c[v] = nc;
-      s[v] = ns;
-      const v2d cc = two * nc;
+      kestrel::rotatestep(c[v], s[v], vc1[v], vs1[v]);
+      const v2d cc = two * c[v];
       crow[2 * v][k] = cc[0];
       if (2 * v + 1 < G) crow[2 * v + 1][k] = cc[1];
       if (sinmatrix) {
-        const v2d ss = mtwo * ns;
+        const v2d ss = mtwo * s[v];
         srow[2 * v][k] = ss[0];
         if (2 * v + 1 < G) srow[2 * v + 1][k] = ss[1];
       }
@@ -207,12 +204,9 @@ inline __attribute__((always_inline)) void rotatedots(uint32_t p, const double *
   for (uint32_t k = 1; k <= p; ++k) {
 #pragma GCC unroll 4
     for (uint32_t v = 0; v < V; ++v) {
-      const VD nc = c[v] * vc1[v] - s[v] * vs1[v];
-      const VD ns = s[v] * vc1[v] + c[v] * vs1[v];
-      c[v] = nc;
-      s[v] = ns;
-      ac[v] = ac[v] + x[k] * (2.0 * nc);
-      as[v] = as[v] + x[k] * (-2.0 * ns);
+      kestrel::rotatestep(c[v], s[v], vc1[v], vs1[v]);
+      ac[v] = ac[v] + x[k] * (2.0 * c[v]);
+      as[v] = as[v] + x[k] * (-2.0 * s[v]);
     }
   }
   for (uint32_t g = 0; g < G; ++g) {
@@ -838,10 +832,7 @@ int applyexcphase(uint32_t nh, double f0, double fs, double *phases) {
   const double s1 = std::sin(w);
   double c = 1.0, s = 0.0;
   for (uint32_t i = 0; i < nh; ++i) {
-    const double nc = c * c1 - s * s1;
-    const double ns = s * c1 + c * s1;
-    c = nc;
-    s = ns;
+    kestrel::rotatestep(c, s, c1, s1);
     phases[i] = kPi - 2 * std::atan2((1 - a2) * s, 2 * kExcA - (1 + a2) * c) + phases[i];
   }
   return 0;

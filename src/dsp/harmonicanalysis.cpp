@@ -19,10 +19,7 @@ constexpr double kModulationGain = 0.47140452079103173;
 // then advances one step (mc1, ms1).
 inline double modulate(double b, double &mc, double &ms, double mc1, double ms1) {
   b = (2.0 - mc) * kModulationGain * b;
-  const double nc = mc * mc1 - ms * ms1;
-  const double ns = ms * mc1 + mc * ms1;
-  mc = nc;
-  ms = ns;
+  kestrel::rotatestep(mc, ms, mc1, ms1);
   return b;
 }
 
@@ -77,10 +74,7 @@ inline __attribute__((always_inline)) void addgroup(double *buf, uint32_t L, con
     buf[n] = b;
 #pragma GCC unroll 8
     for (unsigned v = 0; v < V; ++v) {
-      const VD nc = c[v] * ck[v] - s[v] * sk[v];
-      const VD ns = s[v] * ck[v] + c[v] * sk[v];
-      c[v] = nc;
-      s[v] = ns;
+      kestrel::rotatestep(c[v], s[v], ck[v], sk[v]);
     }
   }
 }
@@ -135,10 +129,7 @@ __attribute__((target("avx2"))) void addblockavx2(double *buf, uint32_t L, const
       bq[q] = buf[n + q];
       if (Modulate) {
         bq[q] = (2.0 - mc) * kModulationGain * bq[q];
-        const double nc = mc * mc1 - ms * ms1;
-        const double ns = ms * mc1 + mc * ms1;
-        mc = nc;
-        ms = ns;
+        kestrel::rotatestep(mc, ms, mc1, ms1);
       }
     }
     v4d b = {bq[0], bq[1], bq[2], bq[3]};
@@ -148,10 +139,7 @@ __attribute__((target("avx2"))) void addblockavx2(double *buf, uint32_t L, const
 #pragma GCC unroll 4
       for (unsigned v = 0; v < R; ++v) {
         t[v][q] = a[v] * c[v];
-        const v4d nc = c[v] * ck[v] - s[v] * sk[v];
-        const v4d ns = s[v] * ck[v] + c[v] * sk[v];
-        c[v] = nc;
-        s[v] = ns;
+        kestrel::rotatestep(c[v], s[v], ck[v], sk[v]);
       }
     }
 #pragma GCC unroll 4
@@ -173,10 +161,7 @@ __attribute__((target("avx2"))) void addblockavx2(double *buf, uint32_t L, const
     for (unsigned v = 0; v < R; ++v) {
       const v4d t = a[v] * c[v];
       for (unsigned l = 0; l < 4; ++l) b = t[l] + b;
-      const v4d nc = c[v] * ck[v] - s[v] * sk[v];
-      const v4d ns = s[v] * ck[v] + c[v] * sk[v];
-      c[v] = nc;
-      s[v] = ns;
+      kestrel::rotatestep(c[v], s[v], ck[v], sk[v]);
     }
     buf[n] = b;
   }

@@ -164,9 +164,7 @@ bool prepareframe(const double *x, uint32_t n, double fs, uint32_t centre, doubl
   for (uint32_t k = 0; k <= h; ++k) {
     const double w = 0.54 + 0.46 * c;
     w2[k] = w * w;
-    const double nc = c * c1 - s * s1;
-    s = s * c1 + c * s1;
-    c = nc;
+    kestrel::rotatestep(c, s, c1, s1);
   }
   return true;
 }
@@ -508,15 +506,11 @@ bool fitharmonic(const Frame &fr, const double *w2, double w0, uint32_t H, HAMEM
       W[m] += gw * c;
       rc[m] += xe * c;
       rs[m] += xo * s;
-      const double nc = c * c1 - s * s1;
-      s = s * c1 + c * s1;
-      c = nc;
+      kestrel::rotatestep(c, s, c1, s1);
     }
     for (; m <= 2 * H; ++m) {
       W[m] += gw * c;
-      const double nc = c * c1 - s * s1;
-      s = s * c1 + c * s1;
-      c = nc;
+      kestrel::rotatestep(c, s, c1, s1);
     }
   }
   const uint32_t nc = H + 1, ns = H;
@@ -607,9 +601,7 @@ void dirichletdirect(double p, double dp, uint32_t h, double *d) {
   const double c1 = std::cos(p), s1 = std::sin(p);
   double c = 1.0, s = 0.0, e0 = 0.0, e1 = 0.0, e2 = 0.0, e3 = 0.0;
   for (uint32_t n = 1; n <= h; ++n) {
-    const double nc = c * c1 - s * s1;
-    s = s * c1 + c * s1;
-    c = nc;
+    kestrel::rotatestep(c, s, c1, s1);
     const double x = static_cast<double>(n), x2 = x * x;
     e0 += c;
     e1 += x * s;

@@ -32,6 +32,7 @@
 #include <cstdlib>
 
 #include "dft.h"
+#include "simd.h"
 #include "windowing.h"
 
 namespace {
@@ -81,9 +82,7 @@ struct HammingRotor {
   }
   double next() {  // value at the current index, then advance
     const double v = 0.8566 - 0.7297 * c;
-    const double nc = c * c1 - s * s1;
-    s = s * c1 + c * s1;
-    c = nc;
+    kestrel::rotatestep(c, s, c1, s1);
     return v;
   }
 };

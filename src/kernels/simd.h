@@ -28,4 +28,16 @@ inline bool haveavx2() { return false; }
 }  // namespace kestrel
 #endif
 
+// One step of a rotation (c, s) by (c1, s1), lane-wise: c c1 - s s1 and
+// s c1 + c s1, in that order, as every rotating loop of the library steps it.
+namespace kestrel {
+template <class V>
+inline __attribute__((always_inline)) void rotatestep(V &c, V &s, const V &c1, const V &s1) {
+  const V nc = c * c1 - s * s1;
+  const V ns = s * c1 + c * s1;
+  c = nc;
+  s = ns;
+}
+}  // namespace kestrel
+
 #endif

@@ -7,6 +7,8 @@
 #include <cmath>
 #include <cstdint>
 
+#include "simd.h"
+
 namespace {
 
 constexpr double kTwoPi = 6.283185307179586;
@@ -106,10 +108,7 @@ uint32_t olahann(double *out, const double *frame, uint32_t start, uint32_t cent
     const double ct = std::cos(theta), st = std::sin(theta);
     double c = 1.0, s = 0.0;
     for (uint32_t i = a; i-- > 0;) {
-      const double nc = c * ct - s * st;
-      const double ns = s * ct + c * st;
-      c = nc;
-      s = ns;
+      kestrel::rotatestep(c, s, ct, st);
       out[start + i] += frame[i] * 0.5 * (c + 1);
     }
   }
@@ -118,10 +117,7 @@ uint32_t olahann(double *out, const double *frame, uint32_t start, uint32_t cent
     const double ct = std::cos(theta), st = std::sin(theta);
     double c = 1.0, s = 0.0;
     for (uint32_t i = a + 1; i < span; ++i) {
-      const double nc = c * ct - s * st;
-      const double ns = s * ct + c * st;
-      c = nc;
-      s = ns;
+      kestrel::rotatestep(c, s, ct, st);
       out[start + i] += frame[i] * 0.5 * (c + 1);
     }
   }
