@@ -364,7 +364,9 @@ struct Utterance {
 };
 
 // What a frame takes from the frames before it, fixed by the serial pre-pass.
-struct FrameState {
+// A cache line each: the calling thread writes the next frames' states while
+// other threads read theirs.
+struct alignas(64) FrameState {
   uint64_t firstdraw;  // the frame's first noise draw in the utterance
   double f;       // f0 after the range and fv checks (0: unvoiced)
   double fvi;     // maximum voiced frequency (voiced frames)
@@ -395,7 +397,7 @@ struct FrameWork {
 constexpr uint32_t kMaxThreads = 256;
 constexpr uint64_t kRingDoubles = uint64_t{1} << 20;  // segments in flight, in doubles
 constexpr uint64_t kMaxRingFrames = 512;
-constexpr uint64_t kPublishFrames = 8;  // states fixed between wake-ups of the workers
+constexpr uint64_t kPublishFrames = 8;  // states fixed at a time (fewer for a very small ring)
 constexpr std::chrono::microseconds kSpinTime{200};  // a worker's look for frames before it sleeps
 
 // f0 of a frame after the range check and the fv test (fvi set when voiced);
@@ -488,8 +490,10 @@ struct CCSTREAM {
   Utterance u{};
   uint32_t threads = 1;
   uint64_t depth = 1;  // frames in flight at most
+  uint64_t batch = 1;  // states fixed between wake-ups of the workers
   std::vector<double> envm, segments;
   std::vector<int32_t> ringdraws;  // per slot: the frame's draws past the noise-phase table
+  uint64_t drawstride = 0;          // their slot size, whole cache lines
   std::vector<FrameWork> work;
   std::vector<FrameState> states;
   FFTPLAN *inverse = nullptr;
@@ -512,10 +516,16 @@ struct CCSTREAM {
     bool stop = false;                  // guarded by m
   };
   std::unique_ptr<Crew> crew;
-  // Frame numbers count from the start of the utterance.
-  std::atomic<uint64_t> published{0};  // frames below this have their state fixed
-  std::atomic<uint64_t> claimed{0};    // frames below this are taken by a thread
-  std::unique_ptr<std::atomic<uint64_t>[]> done;  // per slot: frame number + 1 once synthesised
+  // Frame numbers count from the start of the utterance. Each count has a
+  // cache line of its own, apart from what the threads only read.
+  struct alignas(64) Count {
+    std::atomic<uint64_t> v{0};
+  };
+  Count published;  // frames below this have their state fixed
+  Count claimed;    // frames below this are taken by a thread
+  std::unique_ptr<Count[]> done;  // per slot: frame number + 1 once synthesised
+  Count waiting;   // 1 while the calling thread waits for a frame
+  Count sleepers;  // workers waiting for frames
   double *callcc = nullptr;  // cepstra of the frames of the current push, from frame callfirst on
   uint64_t callfirst = 0;
   pid_t owner = ::getpid();  // a forked child has none of the workers
@@ -578,6 +588,7 @@ struct CCSTREAM {
       depth = kRingDoubles / twoshift;
       if (depth > kMaxRingFrames) depth = kMaxRingFrames;
       if (depth < 2 * static_cast<uint64_t>(threads)) depth = 2 * static_cast<uint64_t>(threads);
+      batch = depth / 2 < kPublishFrames ? depth / 2 : kPublishFrames;
     }
     const uint64_t envgroups = (static_cast<uint64_t>(u.nenv) + kLanes - 1) / kLanes;
     try {
@@ -588,8 +599,9 @@ struct CCSTREAM {
       // One thread synthesises each frame as it goes: no segments to hold.
       if (threads > 1) {
         segments.resize(static_cast<size_t>(depth * twoshift));
-        ringdraws.resize(static_cast<size_t>(depth * (u.nfft / 2 - 1)));
-        done.reset(new std::atomic<uint64_t>[static_cast<size_t>(depth)]());
+        drawstride = (static_cast<uint64_t>(u.nfft / 2 - 1) + 15) & ~uint64_t{15};
+        ringdraws.resize(static_cast<size_t>(depth * drawstride));
+        done.reset(new Count[static_cast<size_t>(depth)]);
         crew.reset(new Crew);
       }
       states.resize(static_cast<size_t>(depth));
@@ -638,9 +650,9 @@ struct CCSTREAM {
 
   // Takes the next frame whose state is fixed; false when there is none.
   bool claim(uint64_t *i) {
-    uint64_t j = claimed.load(std::memory_order_relaxed);
-    while (j < published.load(std::memory_order_acquire))
-      if (claimed.compare_exchange_weak(j, j + 1, std::memory_order_relaxed)) {
+    uint64_t j = claimed.v.load(std::memory_order_relaxed);
+    while (j < published.v.load(std::memory_order_acquire))
+      if (claimed.v.compare_exchange_weak(j, j + 1, std::memory_order_relaxed)) {
         *i = j;
         return true;
       }
@@ -651,16 +663,19 @@ struct CCSTREAM {
   void synthslot(uint64_t i, FrameWork *w) {
     const uint64_t slot = i % depth;
     const uint64_t twoshift = 2 * static_cast<uint64_t>(u.shift);
-    const uint64_t nbins = u.nfft / 2 - 1;
     const double *frame =
-        synthframe(u, callcc + (i - callfirst) * u.p1, states[slot], nullptr, ringdraws.data() + slot * nbins, w);
+        synthframe(u, callcc + (i - callfirst) * u.p1, states[slot], nullptr, ringdraws.data() + slot * drawstride, w);
     double *seg = segments.data() + slot * twoshift;
     for (uint64_t k = 0; k < twoshift; ++k) seg[k] = frame[k];
-    done[slot].store(i + 1, std::memory_order_release);
-    {
-      std::lock_guard<std::mutex> l(crew->m);  // the calling thread may be about to wait for this frame
+    // Sequentially consistent with `waiting`: either the calling thread sees
+    // the frame done before it sleeps, or this thread sees it waiting.
+    done[slot].v.store(i + 1, std::memory_order_seq_cst);
+    if (waiting.v.load(std::memory_order_seq_cst) != 0) {
+      {
+        std::lock_guard<std::mutex> l(crew->m);  // the calling thread may be about to wait for this frame
+      }
+      crew->framedone.notify_one();
     }
-    crew->framedone.notify_one();
   }
 
   void worker(FrameWork *w) {
@@ -674,11 +689,15 @@ struct CCSTREAM {
       // or the next push after the caller has taken its samples): look again
       // for a while before sleeping, since waking a thread costs far longer.
       const auto pending = [&] {
-        return claimed.load(std::memory_order_relaxed) < published.load(std::memory_order_relaxed);
+        return claimed.v.load(std::memory_order_relaxed) < published.v.load(std::memory_order_relaxed);
       };
       if (spinfor(kSpinTime, pending)) continue;
       std::unique_lock<std::mutex> l(crew->m);
-      crew->wake.wait(l, [&] { return crew->stop || pending(); });
+      sleepers.v.fetch_add(1, std::memory_order_seq_cst);
+      crew->wake.wait(l, [&] {
+        return crew->stop || claimed.v.load(std::memory_order_relaxed) < published.v.load(std::memory_order_seq_cst);
+      });
+      sleepers.v.fetch_sub(1, std::memory_order_relaxed);
       if (crew->stop) return;
     }
   }
@@ -706,11 +725,17 @@ struct CCSTREAM {
     callfirst = first;
     uint64_t fixed = first, out = first;  // next frame to fix, next to overlap-add
     while (out < end) {
-      // Keep the others fed: fix states a few frames at a time, as far as the ring allows.
-      if (fixed < end && fixed - out < depth) {
-        uint64_t upto = fixed + kPublishFrames;
-        if (upto > end) upto = end;
-        if (upto > out + depth) upto = out + depth;
+      // Finished frames first: each frees a slot of the ring.
+      if (done[out % depth].v.load(std::memory_order_acquire) == out + 1) {
+        emit(out, segments.data() + (out % depth) * twoshift);
+        ++out;
+        continue;
+      }
+      // Keep the others fed: fix states a batch at a time, as far as the ring
+      // allows (a partial batch only at the end of the frames).
+      uint64_t upto = fixed + batch;
+      if (upto > end) upto = end;
+      if (fixed < upto && upto <= out + depth) {
         for (; fixed < upto; ++fixed) {
           const uint64_t j = fixed - first;
           FrameState &st = states[fixed % depth];
@@ -719,18 +744,17 @@ struct CCSTREAM {
           // once, in order, for whichever thread synthesises it.
           const uint64_t past = drawn > kestrel::kNoisePhaseDraws ? drawn - kestrel::kNoisePhaseDraws : 0;
           const uint32_t m = static_cast<uint32_t>(past < nbins ? past : nbins);
-          randgendraws(&noise, ringdraws.data() + (fixed % depth) * nbins + (nbins - m), m);
+          randgendraws(&noise, ringdraws.data() + (fixed % depth) * drawstride + (nbins - m), m);
         }
-        {
-          std::lock_guard<std::mutex> l(crew->m);
-          published.store(fixed, std::memory_order_release);
+        // Sequentially consistent with `sleepers`: a worker about to sleep
+        // either sees these frames or is seen and woken.
+        published.v.store(fixed, std::memory_order_seq_cst);
+        if (sleepers.v.load(std::memory_order_seq_cst) != 0) {
+          {
+            std::lock_guard<std::mutex> l(crew->m);
+          }
+          crew->wake.notify_all();
         }
-        crew->wake.notify_all();
-        continue;
-      }
-      if (done[out % depth].load(std::memory_order_acquire) == out + 1) {
-        emit(out, segments.data() + (out % depth) * twoshift);
-        ++out;
         continue;
       }
       uint64_t i;
@@ -740,7 +764,9 @@ struct CCSTREAM {
       }
       // Every fixed frame is taken: wait for the one to overlap-add next.
       std::unique_lock<std::mutex> l(crew->m);
-      crew->framedone.wait(l, [&] { return done[out % depth].load(std::memory_order_acquire) == out + 1; });
+      waiting.v.store(1, std::memory_order_seq_cst);
+      crew->framedone.wait(l, [&] { return done[out % depth].v.load(std::memory_order_seq_cst) == out + 1; });
+      waiting.v.store(0, std::memory_order_relaxed);
     }
     nframes = end;
   }
