@@ -21,10 +21,10 @@ const std::string kAna = KESTRELANA_PATH, kSyn = KESTRELSYN_PATH;
 // Every regular file under dir (name -> bytes), temporaries left out.
 Tree tree(const std::string &dir) {
   Tree t;
-  if (fs::exists(dir))
-    for (const auto &e : fs::directory_iterator(dir))
-      if (e.path().filename().string().find("tmp") == std::string::npos)
-        t[e.path().filename().string()] = readbytes(e.path().string());
+  std::error_code missing;
+  for (const auto &e : fs::directory_iterator(dir, missing))
+    if (e.path().filename().string().find("tmp") == std::string::npos)
+      t[e.path().filename().string()] = readbytes(e.path().string());
   return t;
 }
 
@@ -67,10 +67,8 @@ TEST_F(BatchTest, LogsAndFilesDoNotDependOnJobsAndFailuresAreAccounted) {
     EXPECT_NE(log.find("@/w" + j + "/gone.wav\nError: could not open @/f" + j + "/gone.lf0.\n"), std::string::npos);
     EXPECT_EQ(bytes("@/failed" + j), (Bytes{'g', 'o', 'n', 'e', '\n', 'g', 'a', 'r', 'b', 'l', 'e', 'd', '\n'}));
   }
-  EXPECT_EQ(tree(at("@/f4")), tree(at("@/f1")));
-  EXPECT_EQ(tree(at("@/w4")), tree(at("@/w1")));
-  EXPECT_EQ(tree(at("@/f1")).size(), 12u);
-  EXPECT_EQ(tree(at("@/w1")).size(), 4u);
+  EXPECT_TRUE(tree(at("@/f4")) == tree(at("@/f1")) && tree(at("@/f1")).size() == 12u);
+  EXPECT_TRUE(tree(at("@/w4")) == tree(at("@/w1")) && tree(at("@/w1")).size() == 4u);
   // The list's WAV is the one the single-utterance command writes.
   const std::string id = "@/f1/spk_aa_f_vctk_p225_001";
   expectrun(kSyn, id + ".lf0 " + id + ".cc " + id + ".fv @/single.wav", 0, "");

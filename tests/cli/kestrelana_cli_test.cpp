@@ -13,7 +13,6 @@ namespace {
 using namespace kestreltest;
 
 constexpr double kPi = 3.141592653589793;
-const std::string kRecording = std::string(KESTREL_SOURCE_DIR) + "/examples/speech/f_vctk_p225_001.wav";
 
 // Harmonics of f0 below fmax (0: 0.45 fs) with 1/k amplitudes and fixed
 // phases, scaled to the given peak, 10 ms fades at both ends.
@@ -114,15 +113,15 @@ TEST_F(KestrelanaCli, HelpAndArgumentErrorsExit255WithoutOutput) {
   std::vector<std::pair<std::string, std::string>> rows = {
       {"a --indlist=x", U}, {"a b", U}, {"@/in.wav @/o.lf0 --order=20", U}, {W + "@/o.fv @/extra", U},
       {W + "--order=20 --order=30", U}, {W + "--order=20 @/stray", U}, {"a b --indlist=x", I}, {W + "--indlist=3-1", I},
-      {W + "--f0min=300 --f0max=300", "Error: --f0max=300 must be above --f0min=300.\n"},
-      {"--list=@/l --outdir=@/o --featdir=@/f", "Error: --list needs --outdir (and takes no --featdir).\n"}};
+      {W + "--f0min=300 --f0max=300", E("--f0max=300 must be above --f0min=300")},
+      {"--list=@/l --outdir=@/o --featdir=@/f", E("--list needs --outdir (and takes no --featdir)")}};
   for (const auto &o : std::vector<std::pair<const char *, const char *>>{
            {"--lframe=0", "1...8000"}, {"--lframe=8001", "1...8000"}, {"--order=-1", "0...255"},
            {"--order=256", "0...255"}, {"--alpha=0.995", "-0.99...0.99"}, {"--alpha=nan", "-0.99...0.99"},
            {"--method=5", "0...4"}, {"--f0min=19.9", "20...1000"}, {"--f0max=2000.5", "40...2000"},
            {"--refine=2", "0...1"}, {"--pitch=2", "0...1"}, {"--htsscale=-1", "0...1"},
            {"--order=4294967297", "0...255"}, {"--refine=-4294967295", "0...1"}})  // not wrapped to 32 bits
-    rows.push_back({W + o.first, "Error: " + std::string(o.first) + " is out of range [" + o.second + "].\n"});
+    rows.push_back({W + o.first, E(o.first + std::string(" is out of range [") + o.second + "]")});
   for (const auto &row : rows) check(row.first, row.second, 255);
   EXPECT_EQ(names(), std::set<std::string>{"in.wav"});
 }
@@ -137,28 +136,16 @@ TEST_F(KestrelanaCli, OptionsAtTheirLimitsAreAccepted) {
     check(std::string("@/in.wav @/o.lf0 @/o.cc @/o.fv ") + c.opts, "");
     const uint32_t nframes = expectedframes(9600, c.shift);
     const std::vector<float> lf0 = floats("@/o.lf0"), cc = floats("@/o.cc");
-    EXPECT_TRUE(lf0.size() == nframes && cc.size() == size_t(nframes) * (c.order + 1)) << c.opts;
+    EXPECT_TRUE(lf0.size() == nframes && floats("@/o.fv").size() == nframes && cc.size() == nframes * (c.order + 1u)) << c.opts;
     EXPECT_TRUE(std::all_of(cc.begin(), cc.end(), [](float v) { return std::isfinite(v); })) << c.opts;
-    if (c.shift != 80 || std::string(c.opts).find("f0") != std::string::npos) continue;
     // The signal's pitch, voiced nearly throughout, with a maximum voiced frequency well above f0.
-    EXPECT_GT(std::count_if(lf0.begin(), lf0.end(), [](float v) { return v > -1e10f; }), long(nframes * 9 / 10));
-    EXPECT_NEAR(voicedmedian(lf0), 150.0, 1.5) << c.opts;
-    EXPECT_GE(voicedmedian(lf0, floats("@/o.fv")), 1000.0) << c.opts;
+    EXPECT_TRUE(c.shift != 80 || std::string(c.opts).find("f0") != std::string::npos ||
+                (std::count_if(lf0.begin(), lf0.end(), [](float v) { return v > -1e10f; }) > long(nframes * 9 / 10) &&
+                 std::fabs(voicedmedian(lf0) - 150.0) < 1.5 && voicedmedian(lf0, floats("@/o.fv")) >= 1000.0)) << c.opts;
   }
 }
 
-TEST_F(KestrelanaCli, CopySynthesisKeepsLengthAlignmentAndLevel) {
-  const std::vector<double> x = readwav(kRecording);
-  check(kRecording + " @/r.lf0 @/r.cc @/r.fv", "");
-  const uint32_t nframes = expectedframes(x.size(), 80);
-  const std::vector<float> lf0 = floats("@/r.lf0"), fv = floats("@/r.fv");
-  ASSERT_TRUE(lf0.size() == nframes && fv.size() == nframes && floats("@/r.cc").size() == 60u * nframes);
-  EXPECT_NEAR(voicedmedian(lf0), 200.0, 60.0);  // a female speaker
-  syn("@/r.lf0 @/r.cc @/r.fv @/r.wav");
-  const std::vector<double> y = samples("@/r.wav");
-  ASSERT_EQ(y.size(), (nframes + 1u) * 80u + 1u);
-  EXPECT_LT(std::fabs(rmsdb(y) - rmsdb(x)), 3.0);
-  EXPECT_LE(std::abs(envelopelag(x, y)), 80);  // within one frame
+TEST_F(KestrelanaCli, CopySynthesisIsNotShorterThanTheRecording) {
   // Around the frame boundaries of shift 100: (21 + 1) 100 + 1 samples is 21 frames.
   for (const auto &c : std::vector<std::pair<uint32_t, uint32_t>>{{2201, 21}, {2202, 22}, {2199, 21}}) {
     writewav16k(at("@/in.wav"), harmonicsignal(200.0, 16000.0, c.first / 16000.0));
@@ -174,17 +161,9 @@ TEST_F(KestrelanaCli, CopySynthesisKeepsLengthAlignmentAndLevel) {
 // timing of the same signal read exactly at 16 kHz, with the channels averaged.
 TEST_F(KestrelanaCli, OtherFormatsAreResampledAndMixedDown) {
   const std::vector<double> x = burstsignal(16000.0);
-  std::vector<double> late(100, 0.0);
-  late.insert(late.end(), x.begin(), x.end());
-  ASSERT_NEAR(envelopelag(x, late), 100, 4);  // the measure sees a delay
-  const struct {
-    const char *name;
-    WavLayout layout;
-    double left, right;  // gains of the first two channels (any further one silent)
-    // dB: copy synthesis is not exactly level-invariant and at 8 kHz nothing
-    // is left above 4 kHz; summing the channels would be 6 dB off.
-    double leveltol;
-  } rows[] = {{"ref", {16000, 1, Sample::Pcm16}, 1.0, 0.0, 0.0},  // read exactly: the reference
+  // left, right: gains of the first two channels (any further one silent); leveltol (dB): copy synthesis is
+  // not exactly level-invariant and at 8 kHz nothing is left above 4 kHz; summing the channels would be 6 dB off.
+  const struct { const char *name; WavLayout layout; double left, right, leveltol; } rows[] = {{"ref", {16000, 1, Sample::Pcm16}, 1.0, 0.0, 0.0},  // read exactly: the reference
               {"44k1_stereo_left_only", {44100, 2, Sample::Pcm16}, 1.0, 0.0, 0.5},
               {"48k_mono_24bit", {48000, 1, Sample::Pcm24}, 1.0, 0.0, 0.5},
               {"8k_mono_float", {8000, 1, Sample::Float32}, 1.0, 0.0, 1.0},
@@ -201,7 +180,10 @@ TEST_F(KestrelanaCli, OtherFormatsAreResampledAndMixedDown) {
     syn(base + ".lf0 " + base + ".cc " + base + ".out.wav");
     const std::vector<float> lf0 = floats(base + ".lf0");
     const std::vector<double> y = samples(base + ".out.wav");
-    if (!nref) refdb = rmsdb(y), refhz = voicedmedian(lf0), nref = lf0.size();
+    if (!nref) {  // the reference keeps the level (within 3 dB) and the pitch of the input
+      EXPECT_TRUE(std::fabs(rmsdb(y) - rmsdb(x)) < 3.0 && std::fabs(voicedmedian(lf0) - 180.0) < 2.0);
+      refdb = rmsdb(y), refhz = voicedmedian(lf0), nref = lf0.size();
+    }
     EXPECT_LE(std::abs(long(lf0.size()) - long(nref)), 1) << c.name;
     EXPECT_NEAR(voicedmedian(lf0), refhz, refhz * 0.005) << c.name;
     const double mixgain = (c.left + (c.layout.channels > 1 ? c.right : 0.0)) / c.layout.channels;
@@ -211,9 +193,7 @@ TEST_F(KestrelanaCli, OtherFormatsAreResampledAndMixedDown) {
     EXPECT_LE(std::abs(envelopelag(x, y)), 40) << c.name;
   }
   // An extra chunk leaves the file to libsndfile, which reads the same samples.
-  WavLayout list;
-  list.listchunk = true;
-  writewav(at("@/list.wav"), list, x);
+  writewav(at("@/list.wav"), WavLayout{16000, 1, Sample::Pcm16, true}, x);
   ASSERT_EQ(samples("@/list.wav").size(), 0u);  // the exact reader refuses it
   check("@/list.wav @/list.lf0 @/list.cc", "");
   EXPECT_EQ(floats("@/list.cc"), floats("@/ref.cc"));
@@ -230,36 +210,34 @@ TEST_F(KestrelanaCli, FailuresLeaveEveryFileAsItWas) {
   writewav(at("@/in/zero44k.wav"), WavLayout{44100, 2}, {});
   writewav16k(at("@/in/silent16k.wav"), std::vector<double>(16000, 0.0));
   writewav16k(at("@/in/short.wav"), harmonicsignal(150.0, 16000.0, 80 / 16000.0));
-  WavLayout sparse;
-  sparse.rate = 8000;
-  sparse.claimedframes = (uint64_t{1} << 27) + 1;  // 2^28 + 2 samples once resampled
-  writewav(at("@/in/long8k.wav"), sparse, std::vector<double>(1000, 0.1));
+  // 2^28 + 2 samples once resampled
+  writewav(at("@/in/long8k.wav"), {8000, 1, Sample::Pcm16, false, (uint64_t{1} << 27) + 1}, std::vector<double>(1000, 0.1));
   std::vector<double> x = harmonicsignal(150.0, 16000.0, 0.5);
   writewav16k(at("@/in.wav"), x);
   fs::create_symlink(at("@/in.wav"), at("@/link"));
   x[1000] = std::nan("");
   writewav(at("@/in/nan.wav"), WavLayout{16000, 1, Sample::Float32}, x);
-  const std::string I = "@/in/", O = " @/good/o.lf0 @/good/o.cc @/good/o.fv", W = "@/in.wav ", G = W + "@/good/o.lf0 ";
-  const std::pair<std::string, const char *> rows[] = {
-      {I + "missing.wav" + O, "Error: could not open @/in/missing.wav.\n"},
-      {I + "empty.wav" + O, "Error: @/in/empty.wav is empty.\n"},
-      {I + "text.wav" + O, "Error: @/in/text.wav is not an audio file that can be read (Format not recognised).\n"},
-      {I + "zero44k.wav" + O, "Error: @/in/zero44k.wav holds no samples.\n"},
-      {I + "silent16k.wav" + O, "Error: @/in/silent16k.wav is silent (no sample reaches one 16-bit step).\n"},
-      {I + "short.wav" + O, "Error: @/in/short.wav is too short (80 samples at 16 kHz; one frame needs 81).\n"},
-      {I + "dir.wav" + O, "Error: could not open @/in/dir.wav (not a regular file).\n"},
-      {I + "long8k.wav" + O, "Error: @/in/long8k.wav is too long (268435458 samples at 16 kHz; the limit is 268435456).\n"},
-      {I + "nan.wav" + O, "Error: @/in/nan.wav holds samples that are not finite numbers.\n"},
-      {W + "@/nodir/o.lf0 @/good/o.cc @/good/o.fv", "Error: could not create @/nodir/o.lf0.\n"},
-      {G + "@/good/o.cc @/nodir/o.fv", "Error: could not create @/nodir/o.fv.\n"},
-      {G + "@/in.wav/o.cc", "Error: could not create @/in.wav/o.cc.\n"},  // a file where a directory should be
-      {G + "@/good/o.cc @/isdir", "Error: could not create @/isdir (it is a directory).\n"},
-      {W + "@/in.wav @/good/o.cc", "Error: @/in.wav is both the input and an output.\n"},
-      {G + "@/link", "Error: @/link is both the input and an output.\n"},
-      {G + "@/good/o.cc @/good/o.lf0", "Error: @/good/o.lf0 is given for two outputs.\n"}};
+  // (input in @/in/ or command, message): an input's message names @/in/input.
+  const std::string O = " @/good/o.lf0 @/good/o.cc @/good/o.fv", W = "@/in.wav ", G = W + "@/good/o.lf0 ";
+  const std::pair<std::string, std::string> rows[] = {
+      {"missing.wav", "could not open %"}, {"empty.wav", "% is empty"}, {"zero44k.wav", "% holds no samples"},
+      {"text.wav", "% is not an audio file that can be read (Format not recognised)"},
+      {"silent16k.wav", "% is silent (no sample reaches one 16-bit step)"},
+      {"short.wav", "% is too short (80 samples at 16 kHz; one frame needs 81)"},
+      {"dir.wav", "could not open % (not a regular file)"}, {"nan.wav", "% holds samples that are not finite numbers"},
+      {"long8k.wav", "% is too long (268435458 samples at 16 kHz; the limit is 268435456)"},
+      {W + "@/nodir/o.lf0 @/good/o.cc @/good/o.fv", "could not create @/nodir/o.lf0"},
+      {G + "@/good/o.cc @/nodir/o.fv", "could not create @/nodir/o.fv"},
+      {G + "@/in.wav/o.cc", "could not create @/in.wav/o.cc"},  // a file where a directory should be
+      {G + "@/good/o.cc @/isdir", "could not create @/isdir (it is a directory)"},
+      {W + "@/in.wav @/good/o.cc", "@/in.wav is both the input and an output"},
+      {G + "@/link", "@/link is both the input and an output"},
+      {G + "@/good/o.cc @/good/o.lf0", "@/good/o.lf0 is given for two outputs"}};
   const auto before = snapshot();
   for (const auto &row : rows) {
-    check(row.first, row.second);
+    const size_t input = row.second.find('%');
+    if (input == std::string::npos) check(row.first, E(row.second));
+    else check("@/in/" + row.first + O, E(std::string(row.second).replace(input, 1, "@/in/" + row.first)));
     EXPECT_EQ(snapshot(), before) << row.first;
   }
   // One 16-bit step is not silent; a device is written directly, and may stand for more than one output.

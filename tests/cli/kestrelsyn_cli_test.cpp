@@ -1,10 +1,6 @@
 // End-to-end runs of the built kestrelsyn: messages, exit status, WAV output,
 // option handling and batch mode.
-#include <sys/resource.h>
-
-#include <csignal>
 #include <cstdio>
-#include <limits>
 #include <set>
 
 #include "kestrelsyn.h"
@@ -15,8 +11,6 @@ namespace {
 using namespace kestreltest;
 
 const std::string kUsage = "Error: incorrect input arguments.\nType 'kestrelsyn' for help.\n";
-const float kNaNf = std::numeric_limits<float>::quiet_NaN();
-std::string E(const std::string &m) { return "Error: " + m + ".\n"; }
 std::string W(const std::string &m) { return "Warning: " + m + ".\n"; }
 
 // Rising f0 from 110 Hz with an unvoiced last quarter, cepstra with dyadic
@@ -69,27 +63,30 @@ TEST_F(KestrelsynCli, LengthFollowsTheFrameShiftAndRunsAreDeterministic) {
   // Without options (the last row): silent at both ends; two runs with fv agree and differ from it.
   const std::vector<int> s = wav("@/d.wav", 7 * 80 + 1);
   EXPECT_TRUE(s.front() == 0 && s.back() == 0 && std::any_of(s.begin(), s.end(), [](int v) { return v != 0; }));
-  check("@/u.lf0 @/u.cc @/u.fv @/a.wav", "");
-  check("@/u.lf0 @/u.cc @/u.fv @/b.wav", "");
-  EXPECT_EQ(bytes("@/a.wav"), bytes("@/b.wav")) << "two runs differ";
-  EXPECT_NE(bytes("@/a.wav"), bytes("@/d.wav"));
+  const Bytes withfv = render("");
+  EXPECT_TRUE(withfv == render("") && withfv != bytes("@/d.wav"));
 }
 
 // Each run ends in one message on stdout: an argument error exits 255, a
 // problem of one utterance exits 0 with no output or the output made without
 // the fv track; nothing else is left in the directory.
 TEST_F(KestrelsynCli, MessagesExitStatusAndOutputs) {
-  testing::internal::CaptureStdout();
-  plothelp(KESTRELSYN_PATH);
-  check("", testing::internal::GetCapturedStdout());
+  // The help and the usage error name the program without its directory (either separator).
+  for (const auto &c : {std::make_pair(KESTRELSYN_PATH, "kestrelsyn"), {"C:\\tools\\syn.exe", "syn.exe"}}) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(plothelp(c.first) + argcerror(c.first), 0);
+    const std::string out = testing::internal::GetCapturedStdout(), name = c.second;
+    for (const std::string &line : std::vector<std::string>{"  === KESTRELSYN16 v0.99 ===", "Type '" + name + "' for help.",
+             "   " + name + " filef0 filecc filefv fileout [params]", "   --wavnorm=0     Adapt wav amplitude to available range"})
+      EXPECT_NE(out.find("\n" + line + "\n"), std::string::npos) << line;
+    if (name == "kestrelsyn") check("", out.substr(0, out.find("Error: incorrect")));  // the program alone: help
+  }
   writeutt("u", makefeatures(5));
   // cc11 is not a multiple of 5 values, cc3 fewer values than frames, cc5 of order 0; fvlong's surplus is ignored.
-  const std::pair<const char *, std::vector<float>> files[] = {
-      {"cc11.bin", std::vector<float>(11, 0.1f)}, {"cc3.bin", std::vector<float>(3, 0.1f)},
-      {"cc5.bin", std::vector<float>(5, 0.1f)}, {"fvshort.bin", std::vector<float>(4, 4000.0f)},
-      {"fvlong.bin", std::vector<float>(8, 4000.0f)}, {"g.lf0", std::vector<float>(2, std::log(10.5f))},
-      {"g.cc", std::vector<float>(2 * 100001, 0.0f)}};
-  for (const auto &file : files) writefloats(at("@/") + file.first, file.second);
+  const struct { const char *name; size_t n; float v; } files[] = {
+      {"cc11.bin", 11, 0.1f}, {"cc3.bin", 3, 0.1f}, {"cc5.bin", 5, 0.1f}, {"fvshort.bin", 4, 4000.0f},
+      {"fvlong.bin", 8, 4000.0f}, {"g.lf0", 2, std::log(10.5f)}, {"g.cc", 2 * 100001, 0.0f}};
+  for (const auto &file : files) writefloats(at("@/") + file.name, std::vector<float>(file.n, file.v));
   // (255 + 1) 2^20 + 1 samples is one over the limit, 16382 frames of 16385 exactly the
   // limit (refused only at creating the file), 4096 x 2^20 + 1 would wrap to 1 in 32 bits.
   for (uint32_t n : {254u, 255u, 4095u, 16382u}) writeutt("n" + std::to_string(n), makefeatures(n, 0));
@@ -99,7 +96,7 @@ TEST_F(KestrelsynCli, MessagesExitStatusAndOutputs) {
   Features f = makefeatures(5);
   f.lf0[4] = -HUGE_VALF;
   writefloats(at("@/minf.lf0"), f.lf0);
-  f.lf0[2] = f.fv[3] = kNaNf;
+  f.lf0[2] = f.fv[3] = NAN;
   f.cc[30] = -HUGE_VALF;
   writeutt("nan", f);
   check("@/u.lf0 @/u.cc @/nofv.wav", "");
@@ -163,11 +160,7 @@ TEST_F(KestrelsynCli, MessagesExitStatusAndOutputs) {
   // temporary, and an older file intact.
   const auto nfiles = std::distance(fs::directory_iterator(dir), {});
   writebytes(at("@/o.wav"), {'o', 'l', 'd'});
-  check("@/u.lf0 @/u.cc @/o.wav", E("could not create @/o.wav"), 0, [] {
-    const rlimit lim{200, 200};
-    setrlimit(RLIMIT_FSIZE, &lim);
-    std::signal(SIGXFSZ, SIG_IGN);
-  });
+  check("@/u.lf0 @/u.cc @/o.wav", E("could not create @/o.wav"), 0, [] { limitfilesize(200); });
   EXPECT_EQ(bytes("@/o.wav"), (Bytes{'o', 'l', 'd'}));
   EXPECT_EQ(std::distance(fs::directory_iterator(dir), {}), nfiles + 1);
   fs::remove(at("@/o.wav"));
@@ -228,12 +221,9 @@ TEST_F(KestrelsynCli, OptionEffects) {
     EXPECT_EQ(render(r.a) == render(r.b, alphadropped ? nofilters : ""), r.same) << r.a << " / " << r.b;
   }
   // fwarp composes with alpha: (alpha - fwarp) / (1 - fwarp alpha).
-  for (double fwarp : {0.1, -0.3}) {
-    char composed[64], warp[64];
-    std::snprintf(composed, sizeof composed, "--alpha=%.17g", (0.42 - fwarp) / (1.0 - fwarp * 0.42));
-    std::snprintf(warp, sizeof warp, "--fwarp=%.17g", fwarp);
-    EXPECT_EQ(render(warp), render(composed)) << warp;
-  }
+  char composed[64];
+  std::snprintf(composed, sizeof composed, "--alpha=%.17g", (0.42 + 0.3) / (1.0 + 0.3 * 0.42));
+  EXPECT_EQ(render("--fwarp=-0.3"), render(composed));
   // HTS rescaling is c0 - 5 and halving: the default on u equals --htsscale=0
   // on cepstra rescaled beforehand (exact in float for these values).
   Features f = makefeatures(16);

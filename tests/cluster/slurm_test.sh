@@ -54,11 +54,8 @@ wait_for() {
 make_corpus "$work"
 node=$(hostname -s 2> /dev/null); [[ $node =~ ^[A-Za-z0-9][A-Za-z0-9-]*$ ]] || node=localhost
 cpus=$(nproc); [ "$cpus" -gt 2 ] && cpus=2
-read -r ctld_port slurmd_port < <(python3 -c '
-import socket
-ss = [socket.socket() for _ in range(2)]
-for s in ss: s.bind(("127.0.0.1", 0))
-print(*(s.getsockname()[1] for s in ss))')
+read -r ctld_port slurmd_port < <(python3 -c 'import socket
+ss = [socket.socket() for _ in range(2)]; [s.bind(("127.0.0.1", 0)) for s in ss]; print(*(s.getsockname()[1] for s in ss))')
 
 # MUNGE on its own key and socket, then Slurm.
 head -c 1024 /dev/urandom > "$work/munge.key"; chmod 600 "$work/munge.key"

@@ -7,7 +7,7 @@
 #include "fuzzutil.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  kestrelfuzz::Bytes in(data, size);
+  kestrelfuzz::Bytes in{data, size};
   const uint32_t nframes = 1 + in.take<uint8_t>() % 16;
   const uint32_t order = in.take<uint8_t>() % 48;
   const uint32_t shift = 1 + in.take<uint16_t>() % 400;

@@ -1,7 +1,6 @@
 // Shared pieces of the fuzz targets: a private scratch directory per process,
 // files written from fuzz bytes, a program's main run on an argument list, and
-// a reader of structured values that never runs past the input (missing bytes
-// read as zeros).
+// a reader of structured values from the fuzz bytes.
 #ifndef KESTREL_TESTS_FUZZ_FUZZUTIL_H
 #define KESTREL_TESTS_FUZZ_FUZZUTIL_H
 
@@ -18,25 +17,19 @@
 
 namespace kestrelfuzz {
 
-// A directory of this process, made once, kept for the whole run and removed at exit.
-inline const std::string &scratchdir() {
-  static const std::string dir = [] {
-    std::string t = "/tmp/kestrel_fuzz_XXXXXX";
-    if (!mkdtemp(&t[0])) std::abort();
-    return t;
-  }();
-  static const bool cleanup = std::atexit([] { std::filesystem::remove_all(scratchdir()); }) == 0;
-  (void)cleanup;
-  return dir;
+// A file in a directory of this process, made once, kept for the whole run and removed at exit.
+inline std::string scratchfile(const char *name) {
+  static const struct Dir {
+    std::string path = "/tmp/kestrel_fuzz_XXXXXX";
+    Dir() { if (!mkdtemp(&path[0])) std::abort(); }
+    ~Dir() { std::filesystem::remove_all(path); }
+  } dir;
+  return dir.path + "/" + name;
 }
-
-inline std::string scratchfile(const char *name) { return scratchdir() + "/" + name; }
 
 inline void writefile(const std::string &path, const uint8_t *data, size_t size) {
   std::FILE *f = std::fopen(path.c_str(), "wb");
-  if (!f) std::abort();
-  if (size > 0 && std::fwrite(data, 1, size, f) != size) std::abort();
-  std::fclose(f);
+  if (!f || (size > 0 && std::fwrite(data, 1, size, f) != size) || std::fclose(f) != 0) std::abort();
 }
 
 // Runs a program's main on args (args[0] the program name). The programs print
@@ -50,29 +43,23 @@ inline int runmain(int (*progmain)(int, char **), std::vector<std::string> args)
   return progmain(static_cast<int>(args.size()), argv.data());
 }
 
-class Bytes {
- public:
-  Bytes(const uint8_t *data, size_t size) : p_(data), n_(size) {}
+// Structured values from the fuzz bytes, never read past the end (missing bytes read as zeros).
+struct Bytes {
+  const uint8_t *p;
+  size_t n;
   template <class T>
   T take() {
-    T v{};  // the bytes missing at the end stay zero
+    T v{};
     const Bytes b = split(sizeof(T));
-    if (b.n_) std::memcpy(&v, b.p_, b.n_);
+    if (b.n) std::memcpy(&v, b.p, b.n);
     return v;
   }
-  const uint8_t *rest() const { return p_; }
-  size_t left() const { return n_; }
   // Splits off the next count bytes (fewer at the end).
   Bytes split(size_t count) {
-    const Bytes b(p_, count < n_ ? count : n_);
-    p_ += b.n_;
-    n_ -= b.n_;
+    const Bytes b{p, count < n ? count : n};
+    p += b.n, n -= b.n;
     return b;
   }
-
- private:
-  const uint8_t *p_;
-  size_t n_;
 };
 
 }  // namespace kestrelfuzz

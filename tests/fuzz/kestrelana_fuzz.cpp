@@ -18,11 +18,11 @@ constexpr sf_count_t kMaxInputValues = 200000;  // frames x channels read
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   using kestrelfuzz::scratchfile;
-  kestrelfuzz::Bytes in(data, size);
+  kestrelfuzz::Bytes in{data, size};
   const auto method = in.take<uint8_t>() % 5;
   const auto flags = in.take<uint8_t>();
   const std::string wav = scratchfile("in.wav");
-  kestrelfuzz::writefile(wav, in.rest(), in.left());
+  kestrelfuzz::writefile(wav, in.p, in.n);
   SF_INFO info{};
   if (SNDFILE *sf = sf_open(wav.c_str(), SFM_READ, &info)) {
     sf_close(sf);

@@ -12,7 +12,7 @@
 #undef main
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  kestrelfuzz::Bytes in(data, size);
+  kestrelfuzz::Bytes in{data, size};
   const auto flags = in.take<uint8_t>();
   const auto present = in.take<uint16_t>();  // which of the factor options are given
   const uint32_t lframe = 1 + in.take<uint16_t>() % 400;
@@ -34,12 +34,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::string stem = kestrelfuzz::scratchfile(batch ? "u1" : "u");
   const std::string pattern = kestrelfuzz::scratchfile(batch ? "u?" : "u");
   kestrelfuzz::Bytes f0 = in.split(4 * nframes);
-  kestrelfuzz::writefile(stem + ".lf0", f0.rest(), f0.left());
+  kestrelfuzz::writefile(stem + ".lf0", f0.p, f0.n);
   if (withfv) {
     kestrelfuzz::Bytes fv = in.split(4 * nframes);
-    kestrelfuzz::writefile(stem + ".fv", fv.rest(), fv.left());
+    kestrelfuzz::writefile(stem + ".fv", fv.p, fv.n);
   }
-  kestrelfuzz::writefile(stem + ".cc", in.rest(), in.left());
+  kestrelfuzz::writefile(stem + ".cc", in.p, in.n);
   std::vector<std::string> args = {"kestrelsyn", pattern + ".lf0", pattern + ".cc"};
   if (withfv) args.push_back(pattern + ".fv");
   args.push_back(kestrelfuzz::scratchfile(batch ? "o?.wav" : "o.wav"));

@@ -1,5 +1,6 @@
 """Shared fixtures: the bundled recordings and the two commands of the build under test."""
 import os
+import pathlib
 import subprocess
 import sys
 
@@ -25,8 +26,7 @@ def run(*args):
 
 
 def same_bytes(a, b):
-    with open(a, "rb") as fa, open(b, "rb") as fb:
-        return fa.read() == fb.read()
+    return pathlib.Path(a).read_bytes() == pathlib.Path(b).read_bytes()
 
 
 def wav(name):
@@ -39,11 +39,5 @@ def command(name):
     return path
 
 
-@pytest.fixture(scope="session")
-def kestrelana():
-    return command("kestrelana")
-
-
-@pytest.fixture(scope="session")
-def kestrelsyn():
-    return command("kestrelsyn")
+kestrelana = pytest.fixture(scope="session", name="kestrelana")(lambda: command("kestrelana"))
+kestrelsyn = pytest.fixture(scope="session", name="kestrelsyn")(lambda: command("kestrelsyn"))

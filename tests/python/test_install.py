@@ -6,8 +6,6 @@ import pathlib
 import re
 import subprocess
 
-import pytest
-
 from conftest import BINARY_DIR, SOURCE_DIR, same_bytes, wav
 
 EXAMPLE = os.path.join(SOURCE_DIR, "examples", "c", "resynth.c")
@@ -19,16 +17,10 @@ def sh(*args, env=None):
     return r.stdout
 
 
-@pytest.fixture(scope="module")
-def prefix(tmp_path_factory):
-    p = tmp_path_factory.mktemp("prefix")
+def test_install_gives_the_headers_exports_and_a_buildable_example(tmp_path):
+    p = tmp_path / "prefix"
     sh("cmake", "--install", BINARY_DIR, "--prefix", p)
     lib = next(d for d, _, files in os.walk(p) if "libkestrel.so" in files)
-    return p, lib
-
-
-def test_installed_headers_and_exports(prefix):
-    p, lib = prefix
     incdir = os.path.join(p, "include", "kestrel")
     headers = set(os.listdir(incdir))
     assert {"ccanalysis.h", "wavm1616io.h", "kestrel_export.h"} <= headers
@@ -37,10 +29,7 @@ def test_installed_headers_and_exports(prefix):
     declared = set(re.findall(r"^KESTREL_API[^(;]*?\b(\w+)\s*\(", text, re.M))
     exported = {line.split()[-1] for line in sh("nm", "-D", "--defined-only", os.path.join(lib, "libkestrel.so")).splitlines()}
     assert len(declared) > 100 and exported == declared, (exported ^ declared)
-
-
-def test_example_builds_against_the_installed_tree(prefix, tmp_path):
-    p, lib = prefix
+    # examples/c/resynth.c through pkg-config (shared, static) and find_package, as the build tree's program.
     reference = tmp_path / "ref.wav"
     sh(os.path.join(BINARY_DIR, "kestrel_example_resynth"), wav("f_vctk_p225_001"), reference)
     env = dict(os.environ, PKG_CONFIG_PATH=os.path.join(lib, "pkgconfig"), LD_LIBRARY_PATH=lib)

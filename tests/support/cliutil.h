@@ -28,17 +28,13 @@ namespace kestreltest {
 
 namespace fs = std::filesystem;
 
+inline std::string E(const std::string &message) { return "Error: " + message + ".\n"; }
+
 struct Result {
   int status = -1;  // exit status, or 1000 + signal number
   std::string out, err;
 };
 
-inline std::vector<float> readfloats(const std::string &p) {
-  const Bytes b = readbytes(p);
-  std::vector<float> v(b.size() / 4);
-  if (!v.empty()) std::memcpy(v.data(), b.data(), v.size() * 4);
-  return v;
-}
 inline void writefloats(const std::string &p, const std::vector<float> &v) {
   std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char *>(v.data()), std::streamsize(v.size() * 4));
 }
@@ -116,15 +112,6 @@ inline void writewav(const std::string &p, const WavLayout &w, const std::vector
 }
 inline void writewav16k(const std::string &p, const std::vector<double> &x) { writewav(p, WavLayout{}, x); }
 
-// Samples (full scale 1.0) of a 16 kHz mono 16-bit WAV, via the exact reader.
-inline std::vector<double> readwav(const std::string &p) {
-  double *x = nullptr;
-  const uint32_t n = wavreadm1616(p.c_str(), &x);
-  std::vector<double> v(x, x + n);
-  std::free(x);
-  return v;
-}
-
 // A fresh temporary directory per test; args() turns "@/a @/b --x=1" into
 // arguments with '@' standing for the directory.
 class CliTest : public ScratchDirTest {
@@ -141,16 +128,27 @@ class CliTest : public ScratchDirTest {
   }
   // Runs prog on args(s) and expects its exit status, its stdout ('@' for the
   // directory) and nothing on stderr.
-  Result expectrun(const std::string &prog, const std::string &s, int status, const std::string &out,
-                   const std::function<void()> &inchild = {}) {
+  void expectrun(const std::string &prog, const std::string &s, int status, const std::string &out,
+                 const std::function<void()> &inchild = {}) {
     const Result r = run(prog, args(s), inchild);
     EXPECT_TRUE(r.status == status && r.out == at(out) && r.err.empty())
         << s << "\nexit " << r.status << ", output:\n" << r.out << r.err << "expected exit " << status << ":\n" << at(out);
-    return r;
   }
   Bytes bytes(const std::string &name) const { return readbytes(at(name)); }
-  std::vector<float> floats(const std::string &name) const { return readfloats(at(name)); }
-  std::vector<double> samples(const std::string &name) const { return readwav(at(name)); }
+  std::vector<float> floats(const std::string &name) const {
+    const Bytes b = bytes(name);
+    std::vector<float> v(b.size() / 4);
+    if (!v.empty()) std::memcpy(v.data(), b.data(), v.size() * 4);
+    return v;
+  }
+  // Samples (full scale 1.0) of a 16 kHz mono 16-bit WAV, via the exact reader.
+  std::vector<double> samples(const std::string &name) const {
+    double *x = nullptr;
+    const uint32_t n = wavreadm1616(at(name).c_str(), &x);
+    std::vector<double> v(x, x + n);
+    std::free(x);
+    return v;
+  }
   const std::string &dir = dir_;
 };
 

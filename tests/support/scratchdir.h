@@ -31,9 +31,11 @@ inline void writebytes(const std::string &p, const Bytes &b) {
   std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char *>(b.data()),
                                            static_cast<std::streamsize>(b.size()));
 }
-inline bool ischardevice(const std::string &p) {
-  struct stat st;
-  return stat(p.c_str(), &st) == 0 && S_ISCHR(st.st_mode);
+// Files made from here on cannot grow past limit bytes (a write past it fails, no signal).
+inline void limitfilesize(rlim_t limit) {
+  std::signal(SIGXFSZ, SIG_IGN);
+  const rlimit lim{limit, limit};
+  setrlimit(RLIMIT_FSIZE, &lim);
 }
 
 class ScratchDirTest : public ::testing::Test {
@@ -45,10 +47,10 @@ class ScratchDirTest : public ::testing::Test {
   }
   void TearDown() override { std::filesystem::remove_all(dir_); }
   std::string path(const char *name) const { return dir_ + "/" + name; }
-  // The names in the directory (sub: a subdirectory of it).
-  std::set<std::string> names(const std::string &sub = "") const {
+  // The names in the directory.
+  std::set<std::string> names() const {
     std::set<std::string> n;
-    for (const auto &e : std::filesystem::directory_iterator(dir_ + sub)) n.insert(e.path().filename().string());
+    for (const auto &e : std::filesystem::directory_iterator(dir_)) n.insert(e.path().filename().string());
     return n;
   }
   // A private twin of /dev/full (every write fails); false where no device node can be made.
@@ -57,12 +59,7 @@ class ScratchDirTest : public ::testing::Test {
   template <class Body>
   static bool withfilesizelimit(rlim_t limit, Body body) {
     const pid_t pid = fork();
-    if (pid == 0) {
-      std::signal(SIGXFSZ, SIG_IGN);
-      struct rlimit lim = {limit, limit};
-      setrlimit(RLIMIT_FSIZE, &lim);
-      _exit(body() ? 0 : 1);
-    }
+    if (pid == 0) limitfilesize(limit), _exit(body() ? 0 : 1);
     int status = 0;
     return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
   }
