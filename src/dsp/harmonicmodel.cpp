@@ -47,9 +47,13 @@ constexpr double kLowestF0 = 20.0;
 // Window lengths in pitch periods: the harmonic model has 2H+1 unknowns
 // (about fs/f0) and keeps good time resolution with 2.5 periods; the
 // quasi-harmonic model has twice as many and needs a longer window not to
-// fit the noise between harmonics.
+// fit the noise between harmonics: its amplitudes take 3.5 periods (at 2.5
+// the fit follows the noise, at 4 it averages over more of a changing vocal
+// tract), the pitch refinement 4, whose frequency corrections need the finer
+// resolution.
 constexpr double kPeriods = 2.5;
-constexpr double kQhmPeriods = 4.0;
+constexpr double kQhmPeriods = 3.5;
+constexpr double kQhmRefinePeriods = 4.0;
 // Diagonal loading relative to the mean weight: keeps the solve finite for a
 // harmonic right at Nyquist without touching well-posed fits.
 constexpr double kRidge = 1e-9;
@@ -844,13 +848,13 @@ uint64_t qhamvector(uint64_t K, uint64_t maxlen) {
 }
 uint64_t qhammatrix(uint64_t K) { return 2 * (2 * K + 1) * (2 * K + 1); }
 
-// Quasi-harmonic analysis with kQhmFits fits; w (K doubles) holds the start
+// Quasi-harmonic analysis on `periods` pitch periods with `fits` fits; w (K doubles) holds the start
 // frequencies and receives the final ones; coef the final fit.
 bool runqhm(const double *x, uint32_t n, double fs, uint32_t centre, double f0, uint32_t K, QHAMEM *a,
-            int fits, Frame *fr, double **wout, double **coefout) {
+            double periods, int fits, Frame *fr, double **wout, double **coefout) {
   if (K == 0 || K > a->maxharms) return false;
   double *w2 = a->vector;
-  if (!prepareframe(x, n, fs, centre, f0, kQhmPeriods, a, fr, w2)) return false;
+  if (!prepareframe(x, n, fs, centre, f0, periods, a, fr, w2)) return false;
   double *w = a->vector + (fr->h + 1) + 4 * (2 * static_cast<uint64_t>(K) + 1) + 4 * static_cast<uint64_t>(K);
   double *coef = w + K;
   const double w0 = kTwoPi * f0 / fs;
@@ -904,7 +908,7 @@ int hamemdestroy(HAMEM *area) {
 }
 
 QHAMEM *qhameminitialize(double fs, double fmax, double fmin) {
-  const Sizing sz = sizefor(fs, fmax, fmin, kQhmPeriods);
+  const Sizing sz = sizefor(fs, fmax, fmin, kQhmPeriods > kQhmRefinePeriods ? kQhmPeriods : kQhmRefinePeriods);
   if (!sz.ok) return nullptr;
   return newarea<QHAMEM>(QHAMEM_KIND, fs, fmax, sz, qhammatrix(sz.maxharms), qhamvector(sz.maxharms, sz.maxlen));
 }
@@ -935,7 +939,7 @@ int getsqharmonics(const double *x, uint32_t n, double fs, uint32_t centre, doub
   if (!area || !amps || kindof(area) != QHAMEM_KIND) return -1;
   Frame fr{};
   double *w = nullptr, *coef = nullptr;
-  if (!runqhm(x, n, fs, centre, f0, H, area, kQhmFits, &fr, &w, &coef)) return -1;
+  if (!runqhm(x, n, fs, centre, f0, H, area, kQhmPeriods, kQhmFits, &fr, &w, &coef)) return -1;
   const double w0 = kTwoPi * f0 / fs;
   for (uint32_t k = 0; k < H; ++k) {
     const double c = coef[4 * k], s = coef[4 * k + 1];
@@ -955,7 +959,7 @@ double qharefinepitch(const double *x, uint32_t n, double fs, uint32_t centre, d
   if (K > area->maxharms) K = area->maxharms;
   Frame fr{};
   double *w = nullptr, *coef = nullptr;
-  if (!runqhm(x, n, fs, centre, f0, K, area, 1, &fr, &w, &coef)) return 0.0;
+  if (!runqhm(x, n, fs, centre, f0, K, area, kQhmRefinePeriods, 1, &fr, &w, &coef)) return 0.0;
   const double f = refinedw0(w, coef, K, fr.h, kTwoPi * f0 / fs) * fs / kTwoPi;
   return std::isfinite(f) ? f : 0.0;
 }

@@ -179,7 +179,7 @@ TEST(QuasiHarmonicModel, CorrectsEachHarmonicAndFitsAmplitudeRamps) {
   // 2 pi, where the kernel's closed form would divide by (nearly) zero.
   double edge = 200.0;
   for (int it = 0; it < 4; ++it) {
-    const double h = getwinlengthnperiodsodd(4.0, edge, kFs) / 2;
+    const double h = getwinlengthnperiodsodd(3.5, edge, kFs) / 2;
     edge = kFs / 2 * (1.0 - 1.0 / (2.0 * h)) / 40.0;
   }
   ASSERT_EQ(hanoharms(kFs, kFs, edge), 40u);
