@@ -152,11 +152,10 @@ TEST(Waveform2cc, HarmonicSignalOfFlatSpectrumReadsItsDensity) {
   std::vector<double> x(8000, 0.0), f0s = {0.0, f0, 0.0};
   for (uint32_t k = 1; k <= hanoharms(kFs, kFs, f0); ++k)
     for (uint32_t i = 0; i < 8000; ++i) x[i] += a * std::cos(2 * kPi * k * f0 * i / kFs + 0.7 * k * k);
-  std::vector<double> c0(3 * 40);
+  std::vector<double> c0(3 * 40), cc(3 * 40);
   ASSERT_EQ(waveform2cc(x.data(), 8000, kFs, 80, 3800, 3, f0s.data(), 39, c0.data(), 0.42, 0), 0);
   for (uint8_t method : {0, 1, 2, 3, 4, 9}) {
     SCOPED_TRACE(static_cast<int>(method));
-    std::vector<double> cc(3 * 40);
     ASSERT_EQ(waveform2cc(x.data(), 8000, kFs, 80, 3800, 3, f0s.data(), 39, cc.data(), 0.42, method), 0);
     for (double f : {300.0, 1000.0, 2500.0, 5000.0, 7000.0})
       EXPECT_NEAR(logamp(cc.data() + 40, 39, f, 0.42), std::log(a / (2 * std::sqrt(f0))),
@@ -179,22 +178,21 @@ TEST(Waveform2cc, RobustAtEdgesAndOnBadInput) {
   for (uint8_t method = 0; method <= 6; ++method) {
     SCOPED_TRACE(static_cast<int>(method));
     std::vector<double> cc(8 * 13, 0.0);
-    for (uint32_t first : {0u, 2900u, 4294967000u}) {
-      ASSERT_EQ(waveform2cc(x.data(), 3000, kFs, 700, first, 8, f0.data(), 12, cc.data(), 0.42, method), 0);
-      EXPECT_TRUE(allfinite(cc)) << first;
-    }
+    for (uint32_t first : {0u, 2900u, 4294967000u})
+      EXPECT_TRUE(waveform2cc(x.data(), 3000, kFs, 700, first, 8, f0.data(), 12, cc.data(), 0.42, method) == 0 &&
+                  allfinite(cc)) << first;
     for (const double *s : {z.data(), static_cast<const double *>(nullptr)}) {
       ASSERT_EQ(waveform2cc(s, s ? 3000 : 0, kFs, 80, 1000, 8, f0.data(), 12, cc.data(), 0.42, method), 0);
       for (uint32_t j = 0; j < cc.size(); ++j) EXPECT_NEAR(cc[j], j % 13 ? 0.0 : floorlog, 1e-12) << j;
     }
-    ASSERT_EQ(waveform2cc(x.data(), 3000, kFs, 1000, 1000, 2, f2, 1500, big.data(), 0.42, method), 0);
-    EXPECT_TRUE(allfinite(big));
+    EXPECT_TRUE(waveform2cc(x.data(), 3000, kFs, 1000, 1000, 2, f2, 1500, big.data(), 0.42, method) == 0 &&
+                allfinite(big));
   }
   // NaN samples poison only the frames that see them.
   std::vector<double> y = x, f1 = {0.0, 120.0, 0.0}, cc(3 * 13);
   y[100] = NAN;
-  ASSERT_EQ(waveform2cc(y.data(), 3000, kFs, 1000, 100, 3, f1.data(), 12, cc.data(), 0.42, 0), 0);
-  EXPECT_TRUE(std::isnan(cc[0]) && allfinite(std::vector<double>(cc.begin() + 13, cc.end())));
+  EXPECT_TRUE(waveform2cc(y.data(), 3000, kFs, 1000, 100, 3, f1.data(), 12, cc.data(), 0.42, 0) == 0 &&
+              std::isnan(cc[0]) && allfinite(std::vector<double>(cc.begin() + 13, cc.end())));
   // Refusals zero cc (a size beyond 32 bits leaves it alone): no output array, invalid fs, an
   // FFT beyond 2^22 points (f0 0.01 Hz). |alpha| >= 1 is no error: the warping leaves each row
   // as it was and c0 is doubled.

@@ -96,8 +96,8 @@ bool plainharmonics(const std::vector<double> &x, int64_t centre, double f0, uin
   std::vector<double> W(2 * H + 1, 0.0), r[2] = {std::vector<double>(H + 1, 0.0), std::vector<double>(H + 1, 0.0)};
   double wc = 1.0, ws = 0.0;
   for (uint32_t n = 0; n <= h; ++n) {
-    const double wn = 0.54 + 0.46 * wc, g = wn * wn, nc = wc * c1 - ws * s1;
-    ws = ws * c1 + wc * s1, wc = nc;
+    const double wn = 0.54 + 0.46 * wc, g = wn * wn;
+    refrotate(wc, ws, c1, s1);
     const double xp = at(centre + n), xm = at(centre - static_cast<int64_t>(n));
     const double gw = n == 0 ? g : 2.0 * g, xe = g * (n == 0 ? xp : xp + xm), xo = g * (xp - xm);
     const double th = w0 * n, ct = std::cos(th), st = std::sin(th);
@@ -105,8 +105,7 @@ bool plainharmonics(const std::vector<double> &x, int64_t centre, double f0, uin
     for (uint32_t m = 0; m <= 2 * H; ++m) {
       W[m] += gw * c;
       if (m <= H) r[0][m] += xe * c, r[1][m] += xo * s;
-      const double c2 = c * ct - s * st;
-      s = s * ct + c * st, c = c2;
+      refrotate(c, s, ct, st);
     }
   }
   for (int sine = 0; sine < 2; ++sine) {

@@ -288,8 +288,8 @@ TEST(PitchTrack, SilenceEdgesNaNDefaultsAndRefusals) {
   for (const auto &t : kTrackers) {
     SCOPED_TRACE(t.name);
     std::vector<double> f0(120, -1.0), a(40), b(40), c(40);
-    ASSERT_EQ(t.run(silence.data(), 8000, 16000, 80, 0, 120, 60, 500, f0.data()), 0);
-    EXPECT_EQ(f0, std::vector<double>(120, 0.0));
+    const std::vector<double> zeros(120, 0.0);
+    EXPECT_TRUE(t.run(silence.data(), 8000, 16000, 80, 0, 120, 60, 500, f0.data()) == 0 && f0 == zeros);
     // Empty signal; frames past the end (centres beyond 4000 + window); nframes == 0 writes nothing.
     f0.assign(120, -1.0);
     ASSERT_EQ(t.run(nullptr, 0, 16000, 80, 0, 5, 60, 500, f0.data()), 0);
@@ -300,8 +300,7 @@ TEST(PitchTrack, SilenceEdgesNaNDefaultsAndRefusals) {
                   t.run(x.data(), 4000, 16000, 80, 4000000000u, 3, 60, 500, f0.data()), 0);
     // A NaN sample: the input stays as it is; every value is 0 or within the range, and far from
     // the NaN the pitch is found.
-    ASSERT_EQ(t.run(z.data(), 16000, 16000, 80, 80, 120, 60, 500, f0.data()), 0);
-    EXPECT_TRUE(samebits(z, copy));
+    ASSERT_TRUE(t.run(z.data(), 16000, 16000, 80, 80, 120, 60, 500, f0.data()) == 0 && samebits(z, copy));
     for (double v : f0) EXPECT_TRUE(v == 0 || (v >= 60 && v <= 500)) << v;
     EXPECT_NEAR(f0[20], 200, 2);
     // Defaults: f0min <= 0 is 60 Hz, f0max <= f0min (or NaN) is 500 Hz.
@@ -311,8 +310,8 @@ TEST(PitchTrack, SilenceEdgesNaNDefaultsAndRefusals) {
     EXPECT_TRUE(a == c && b == c);
     for (const auto &r : refused) {
       std::vector<double> out(10, -1.0);
-      EXPECT_EQ(t.run(x.data(), 4000, r[0], static_cast<uint32_t>(r[1]), 0, 10, r[2], r[3], out.data()), -1) << r[0];
-      EXPECT_EQ(out, std::vector<double>(10, 0.0));
+      EXPECT_TRUE(t.run(x.data(), 4000, r[0], static_cast<uint32_t>(r[1]), 0, 10, r[2], r[3], out.data()) == -1 &&
+                  out == std::vector<double>(zeros.begin(), zeros.begin() + 10)) << r[0];
     }
   }
   // Each tracker's own window limits: getpitch's window of 3 periods of f0min must hold 5
