@@ -9,9 +9,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <cstdint>
-#include <random>
 #include <vector>
 
 #include "harmonicanalysis.h"
@@ -71,8 +69,8 @@ TEST(CcWarp, TheUnwarpedShortcutAndRefusals) {
   for (const auto &cs : cases) {
     std::vector<double> cc = {1, 2, 3, 4, 5, 6}, o(cs.p + 1, keep), w(cs.p + 1, 0.0);
     cc[cs.m] = NAN;
-    ASSERT_EQ(ccwarp(cc.data(), cs.m, o.data(), cs.p, cs.alpha, w.data()), cs.alpha == 0.0 ? 0 : -1);
-    EXPECT_EQ(o, cs.expected) << "m " << cs.m << " p " << cs.p << " alpha " << cs.alpha;
+    EXPECT_TRUE(ccwarp(cc.data(), cs.m, o.data(), cs.p, cs.alpha, w.data()) == (cs.alpha == 0.0 ? 0 : -1) &&
+                o == cs.expected) << "m " << cs.m << " p " << cs.p << " alpha " << cs.alpha;
   }
 }
 
@@ -138,8 +136,8 @@ TEST(Waveform2cc, EveryThreadCountGivesTheSameBits) {
     ASSERT_EQ(waveform2cc(x.data(), n, kFs, 160, 200, nframes, f0.data(), p, want.data(), 0.42, method), 0);
     for (uint32_t threads : {0u, 2u, 3u, 9u}) {
       std::vector<double> cc(want.size(), 7.0);
-      ASSERT_EQ(waveform2ccthreads(x.data(), n, kFs, 160, 200, nframes, f0.data(), p, cc.data(), 0.42, method, threads), 0);
-      EXPECT_EQ(0, std::memcmp(cc.data(), want.data(), want.size() * sizeof(double))) << int(method) << " " << threads;
+      EXPECT_TRUE(waveform2ccthreads(x.data(), n, kFs, 160, 200, nframes, f0.data(), p, cc.data(), 0.42, method,
+                                     threads) == 0 && samebits(cc, want)) << int(method) << " " << threads;
     }
   }
 }

@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <numeric>
-#include <random>
 #include <vector>
 
 #include "support/synthref.h"
@@ -116,8 +115,8 @@ TEST(LowPassAndZeroDelayFir, DesignAndHandComputedFiltering) {
       {{0, 0, 0, 0, 0, 0, 0, 0, 1}, {0, 0, 0, 0}}};
   for (const auto &c : cases) {
     std::vector<double> x = {1, 2, 3, 4};
-    ASSERT_EQ(winfilternodelay(x.data(), 4, c.h.data(), static_cast<uint32_t>(c.h.size())), 0);
-    EXPECT_EQ(x, c.expect) << c.h.size();
+    EXPECT_TRUE(winfilternodelay(x.data(), 4, c.h.data(), static_cast<uint32_t>(c.h.size())) == 0 && x == c.expect)
+        << c.h.size();
   }
   EXPECT_TRUE(winfilternodelay(h.data(), 2, nullptr, 0) == -1 && h[0] == 3.0);
 }

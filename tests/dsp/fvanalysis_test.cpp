@@ -191,9 +191,8 @@ TEST(GetFvoicing, KnownVoicedBands) {
     const std::vector<double> x = voicedsignal(c[0], c[1], c[2], 16000);
     std::vector<double> f0(190, c[0]), fv(190, -1);
     ASSERT_EQ(getfvoicing(x.data(), 16000, 16000, 80, 80, 190, f0.data(), fv.data()), 0);
-    EXPECT_GE(*std::min_element(fv.begin(), fv.end()), 1000.0);
-    const double median = medianelem(fv.data() + 5, 180);
-    EXPECT_TRUE(median >= c[3] && median <= c[4]) << c[1] << " " << median;
+    const double lowest = *std::min_element(fv.begin(), fv.end()), median = medianelem(fv.data() + 5, 180);
+    EXPECT_TRUE(lowest >= 1000.0 && median >= c[3] && median <= c[4]) << c[1] << " " << lowest << " " << median;
   }
 }
 

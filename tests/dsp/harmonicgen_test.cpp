@@ -40,19 +40,6 @@ TEST(Genharmonics, MatchesLiteralEvaluationBitForBit) {
       }
 }
 
-TEST(Genharmonics, ClosedForms) {
-  // The literal reference above, in closed form. Sample n lies n - before from the centre:
-  // cos(phi + (n - before) w). Modulated noise under a silent harmonic: (2 - cos(fundamental
-  // phase)) * sqrt(2)/3.
-  const double one = 1.0, zero = 0.0, w = 2 * kPi * 250.0 / 16000.0;
-  std::vector<double> c(40, 0.0), noise(40, 1.0);
-  genharmonics(c.data(), 10, 30, 16000, 250, 1, &one, &zero, 0.4, 0);
-  genharmonics(noise.data(), 10, 30, 16000, 250, 1, &zero, &zero, 0.4, 1);
-  for (int n = 0; n < 40; ++n)
-    EXPECT_TRUE(std::fabs(c[n] - std::cos(0.4 + (n - 10) * w)) < 1e-12 &&
-                std::fabs(noise[n] - (2.0 - std::cos(0.4 + (n - 10) * w)) * std::sqrt(2.0) / 3.0) < 1e-12) << n;
-}
-
 TEST(Resamplelogampenv, InterpolatesBetweenGridPointsAndHoldsBeyond) {
   const std::vector<double> env = {1.0, 2.0, 4.0, 8.0};  // at 100, 200, 300, 400 Hz
   // Every 25 Hz from 25 to 900 Hz: flat below 100, linear between, env[3] from 400 Hz on.
