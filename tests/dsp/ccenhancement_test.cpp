@@ -14,10 +14,8 @@
 
 // The compressor's work array comes from the nothrow array new; this
 // replacement lets a test make that allocation fail.
-namespace {
-bool gFailNothrowArrayNew = false;
-int gNothrowArrayNewCalls = 0;
-}  // namespace
+static bool gFailNothrowArrayNew = false;
+static int gNothrowArrayNewCalls = 0;
 
 void *operator new[](std::size_t size, const std::nothrow_t &) noexcept {
   ++gNothrowArrayNewCalls;

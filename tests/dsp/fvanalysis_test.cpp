@@ -47,8 +47,7 @@ TEST(FvPeakWalk, FifteenDecibelRules) {
   const double below = std::nextafter(-kStep, -1e9), rise = -4 + kStep;  // exactly 15 dB above -4
   // Heights {harmonic, height} and the harmonics dropped (frequency 0).
   const struct { std::vector<std::pair<uint32_t, double>> heights; std::vector<uint32_t> dropped; } cases[] = {
-      {{{2, -kStep}}, {}},  // exactly 15 dB below the previous: kept
-      {{{2, below}}, {2}},  // more: dropped
+      {{{2, -kStep}}, {}}, {{{2, below}}, {2}},  // exactly 15 dB below the previous: kept; more: dropped
       {{{2, below}, {3, below - kStep}}, {2, 3}},  // the fall is measured from the previous, dropped or not
       {{{1, -4}, {2, rise}, {3, rise}}, {}},  // exactly 15 dB above: the previous kept
       {{{1, -4}, {2, rise + 1e-15}, {3, rise + 1e-15}}, {1}},  // more: the previous dropped
@@ -149,13 +148,11 @@ TEST(FvSmoothing, MedianWithUntouchedEndsAndWeightedAverageOfOriginalValues) {
   using Filter = int (*)(double *, uint32_t, uint32_t);
   const Filter M = medianfilt, W = wsmooth;
   const struct { Filter filter; std::vector<double> in; uint32_t w; std::vector<double> out; } cases[] = {
-      {M, {5, 1, 4, 2, 3, 9, 0}, 5, {5, 1, 3, 3, 3, 9, 0}},
+      {M, {5, 1, 4, 2, 3, 9, 0}, 5, {5, 1, 3, 3, 3, 9, 0}}, {M, {7, 3, 5}, 3, {7, 5, 5}},
       {M, {1, 9, 9, 1, 1, 1, 9}, 3, {1, 9, 9, 1, 1, 1, 9}},  // every window sees unfiltered values
-      {M, {7, 3, 5}, 3, {7, 5, 5}},
       {M, {1, 8, 2, 9, 3}, 4, {1, 8, 3, 9, 3}},  // even width: 2*(4/2)+1 = 5 wide
       {M, {4, 2, 6, 1}, 5, {4, 2, 6, 1}},        // shorter than the window: unchanged
-      {W, {0, 3000, 1000, 0}, 3, {0, 3500 / 1.5, 3500 / 1.5, 0}},
-      {W, {6000, 2000}, 3, {5000 / 1.5, 5000 / 1.5}},
+      {W, {0, 3000, 1000, 0}, 3, {0, 3500 / 1.5, 3500 / 1.5, 0}}, {W, {6000, 2000}, 3, {5000 / 1.5, 5000 / 1.5}},
       {W, {8000, 9000}, 3, {8000, 9000}},                  // no weight at all: unchanged
       {W, {0, 0, 5000}, 3, {0, 0, 5000}},                  // unvoiced frames stay 0 and weigh nothing
       {W, {1000, 3000, 3000}, 2, {1000, 3500 / 1.5, 3000}},  // even width: frames i-1 and i

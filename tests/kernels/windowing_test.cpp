@@ -100,10 +100,8 @@ TEST(Windowing, OverlapAddWeights) {
   const uint32_t spans[][3] = {{3, 8, 11}, {10, 90, 170}, {0, 1, 2}};
   for (const auto &c : spans) {
     const uint32_t start = c[0], centre = c[1], end = c[2], a = centre - start, b = end - centre;
-    out.assign(end + 2, 0.25);
-    frame.resize(end - start);
+    out.assign(end + 2, 0.25), frame.resize(end - start), out[centre] = 1000.0;
     for (uint32_t i = 0; i < frame.size(); ++i) frame[i] = 2.0 + i;
-    out[centre] = 1000.0;
     EXPECT_EQ(olahann(out.data(), frame.data(), start, centre, end), 0u);
     for (uint32_t i = 0; i < out.size(); ++i) {
       const bool left = i < centre;
@@ -134,8 +132,7 @@ TEST(Windowing, LengthAndCountRules) {
   for (const auto &p : pot2) EXPECT_EQ(getwinlengthceilpot2(p[0]), p[1]) << p[0];
 
   const struct { double nperiods, f0, fs; uint32_t expect; } periods[] = {
-      {2.5, 100, 16000, 401},  // even lengths made odd
-      {3, 100.1, 16000, 481},  // ceil(479.5...) = 480, made odd
+      {2.5, 100, 16000, 401}, {3, 100.1, 16000, 481},  // even lengths made odd; ceil(479.5...) = 480, made odd
       // f0 is 48000/91 rounded down, so (3*16000)/f0 lies just above 91: ceil
       // gives 92 -> 93. Dividing first, 3*(16000/f0) is exactly 91.
       {3, 48000.0 / 91.0, 16000, 93},
