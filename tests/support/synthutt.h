@@ -126,8 +126,7 @@ inline SynthUtterance makesynthutterance(const SynthUttOptions &opt = SynthUttOp
     const uint32_t len = std::max<uint32_t>(1, static_cast<uint32_t>(dur * frate));
     const uint32_t end = std::min<uint32_t>(N, t + len);
     plan.push_back({t, end, voiced});
-    t = end;
-    voiced = !voiced;
+    t = end, voiced = !voiced;
   }
   // End in silence: the last few frames unvoiced whatever the plan said.
   const uint32_t tail = std::min<uint32_t>(N, static_cast<uint32_t>(0.05 * frate));
@@ -137,12 +136,10 @@ inline SynthUtterance makesynthutterance(const SynthUttOptions &opt = SynthUttOp
     const uint32_t len = seg.end - seg.begin;
     if (len == 0) continue;
     if (seg.voiced) {
-      const double fa = rng.uniform(80.0, 300.0), fb = rng.uniform(80.0, 300.0);
-      const double vib = rng.uniform(3.0, 6.0);
+      const double fa = rng.uniform(80.0, 300.0), fb = rng.uniform(80.0, 300.0), vib = rng.uniform(3.0, 6.0);
       const double fva = rng.uniform(2000.0, 7000.0), fvb = rng.uniform(2000.0, 7000.0);
       const unsigned v0 = vowel, v1 = vowel = static_cast<unsigned>(rng.next() % 5);
-      const double peak = rng.uniform(-5.6, -4.6);
-      const double tiltk = rng.uniform(0.3, 0.8);
+      const double peak = rng.uniform(-5.6, -4.6), tiltk = rng.uniform(0.3, 0.8);
       for (uint32_t i = seg.begin; i < seg.end; ++i) {
         const double x = len > 1 ? static_cast<double>(i - seg.begin) / (len - 1) : 0.5;
         const double s = x * x * (3.0 - 2.0 * x);  // smooth glide
