@@ -51,10 +51,7 @@ Series makeseries(double f0, uint32_t H, uint32_t n, uint64_t seed, double jitte
 struct Areas {
   HAMEM *h = hameminitialize(kFs, kFs, 60.0);
   QHAMEM *q = qhameminitialize(kFs, kFs, 60.0);
-  ~Areas() {
-    hamemdestroy(h);
-    qhamemdestroy(q);
-  }
+  ~Areas() { hamemdestroy(h), qhamemdestroy(q); }
 };
 
 TEST(HarmonicModel, RefusesUnusableFrames) {
@@ -66,8 +63,8 @@ TEST(HarmonicModel, RefusesUnusableFrames) {
   // signal is analysed (the outside reads as silence).
   const Series s = makeseries(150.0, 53, 4000, 3);
   std::vector<double> amp(200, -1.0), bad = s.x;
-  bad[2000] = NAN;
   const double *x = s.x.data();
+  bad[2000] = NAN;
   const struct { const double *x; uint32_t n, centre; double f0; uint32_t H; HAMEM *a; int result; } cases[] = {
       {x, 4000, 9000, 150.0, 53, area, -1}, {x, 4000, 0xFFFFFFF0u, 150.0, 53, area, -1},
       {nullptr, 0, 0, 150.0, 53, area, -1}, {x, 4000, 2000, 59.0, 10, area, -1}, {x, 4000, 2000, NAN, 10, area, -1},
@@ -99,8 +96,8 @@ bool plainharmonics(const std::vector<double> &x, int64_t centre, double f0, uin
   std::vector<double> W(2 * H + 1, 0.0), r[2] = {std::vector<double>(H + 1, 0.0), std::vector<double>(H + 1, 0.0)};
   double wc = 1.0, ws = 0.0;
   for (uint32_t n = 0; n <= h; ++n) {
-    const double wn = 0.54 + 0.46 * wc, g = wn * wn, nc = wc * c1 - ws * s1;
-    ws = ws * c1 + wc * s1, wc = nc;
+    const double wn = 0.54 + 0.46 * wc, g = wn * wn;
+    refrotate(wc, ws, c1, s1);
     const double xp = at(centre + n), xm = at(centre - static_cast<int64_t>(n));
     const double gw = n == 0 ? g : 2.0 * g, xe = g * (n == 0 ? xp : xp + xm), xo = g * (xp - xm);
     const double th = w0 * n, ct = std::cos(th), st = std::sin(th);
@@ -108,8 +105,7 @@ bool plainharmonics(const std::vector<double> &x, int64_t centre, double f0, uin
     for (uint32_t m = 0; m <= 2 * H; ++m) {
       W[m] += gw * c;
       if (m <= H) r[0][m] += xe * c, r[1][m] += xo * s;
-      const double c2 = c * ct - s * st;
-      s = s * ct + c * st, c = c2;
+      refrotate(c, s, ct, st);
     }
   }
   for (int sine = 0; sine < 2; ++sine) {
@@ -163,10 +159,9 @@ TEST(HarmonicModel, GivesThePlainEvaluationsBitsAndRecoversAmplitudesAndCentrePh
     ASSERT_TRUE(plainharmonics(x.x, c.centre, c.f0, c.H, ea.data(), ep.data())) << c.f0;
     ASSERT_EQ(getharmonics(x.x.data(), n, kFs, c.centre, c.f0, c.H, a.data(), p.data(), areas.h), 0) << c.f0;
     EXPECT_TRUE(samebits(a, ea) && samebits(p, ep)) << c.f0 << " " << c.H << " " << c.centre;
-    for (uint32_t k = 0; c.own && k < c.H; ++k) {
-      EXPECT_NEAR(a[k], x.amp[k], 1e-9) << c.f0 << " harmonic " << k + 1;
-      EXPECT_NEAR(std::remainder(p[k] - x.phase[k], 2 * kPi), 0.0, 1e-7) << c.f0 << " harmonic " << k + 1;
-    }
+    for (uint32_t k = 0; c.own && k < c.H; ++k)
+      EXPECT_TRUE(std::fabs(a[k] - x.amp[k]) <= 1e-9 && std::fabs(std::remainder(p[k] - x.phase[k], 2 * kPi)) <= 1e-7)
+          << c.f0 << " harmonic " << k + 1;
   }
 }
 
@@ -195,13 +190,10 @@ TEST(QuasiHarmonicModel, CorrectsEachHarmonicAndFitsAmplitudeRamps) {
     const Series s = makeseries(c.f0, H, 12000, 11, c.jitter, c.ramp, 6000);
     std::vector<double> amp(H), ph(H), fr(H);
     ASSERT_EQ(getsqharmonics(s.x.data(), 12000, kFs, 6000, c.start, H, amp.data(), ph.data(), fr.data(), areas.q), 0);
-    for (uint32_t k = 0; k < H; ++k) {
-      EXPECT_NEAR(fr[k], s.freq[k], c.ftol) << "harmonic " << k + 1;
-      EXPECT_NEAR(amp[k] / s.amp[k], 1.0, c.atol) << "harmonic " << k + 1;
-      if (c.ptol > 0) {
-        EXPECT_NEAR(std::remainder(ph[k] - s.phase[k], 2 * kPi), 0.0, c.ptol) << "harmonic " << k + 1;
-      }
-    }
+    for (uint32_t k = 0; k < H; ++k)
+      EXPECT_TRUE(std::fabs(fr[k] - s.freq[k]) <= c.ftol && std::fabs(amp[k] / s.amp[k] - 1.0) <= c.atol &&
+                  (c.ptol == 0 || std::fabs(std::remainder(ph[k] - s.phase[k], 2 * kPi)) <= c.ptol))
+          << "harmonic " << k + 1 << ": " << fr[k] << " Hz, " << amp[k] << ", " << ph[k];
   }
   // A harmonic area is not a quasi-harmonic one.
   std::vector<double> amp(40);
@@ -258,9 +250,9 @@ TEST(HarmonicLogSpectrum, PassesThroughTheHarmonicDensities) {
         EXPECT_TRUE(buf[b] >= lo - 1e-12 && buf[b] <= hi + 1e-12) << b;
     }
   }
-  for (uint32_t b = 0; b < 8; ++b) EXPECT_EQ(buf[b], buf[8]) << "flat below f0";
-  for (uint32_t b = 8 * H; b <= nfft / 2; ++b) EXPECT_EQ(buf[b], buf[8 * H]) << "flat above the last harmonic";
-  for (uint32_t b = 1; b < nfft / 2; ++b) EXPECT_EQ(buf[nfft - b], buf[b]);
+  // Flat below f0 and above the last harmonic, symmetric.
+  for (uint32_t b = 0; b <= nfft / 2; ++b)
+    EXPECT_TRUE(buf[b] == buf[b < 8 ? 8 : b > 8 * H ? 8 * H : b] && (b == 0 || buf[nfft - b] == buf[b])) << b;
   // Failures: unvoiced, silent, FFT length not a power of two or too short.
   const std::vector<double> z(6000, 0.0);
   const struct { const double *x; double f0; uint32_t nfft; } bad[] = {

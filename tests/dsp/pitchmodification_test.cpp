@@ -15,15 +15,6 @@ namespace {
 using namespace kestreltest;
 const double kUnvoiced = -1e10;
 
-// Equal element by element, NaN where NaN is expected.
-::testing::AssertionResult sametrack(const std::vector<double> &got, const std::vector<double> &want) {
-  if (got.size() != want.size()) return ::testing::AssertionFailure() << "size " << got.size();
-  for (size_t i = 0; i < got.size(); ++i)
-    if (std::isnan(want[i]) ? !std::isnan(got[i]) : got[i] != want[i])
-      return ::testing::AssertionFailure() << "index " << i << ": " << got[i] << " vs " << want[i];
-  return ::testing::AssertionSuccess();
-}
-
 TEST(PitchModification, ConversionBetweenHzAndLogF0) {
   const struct { bool tolog; double in, out, tol; } cases[] = {
       {true, 0.0, kUnvoiced, 0},  {true, -5.0, kUnvoiced, 0}, {true, kNaN, kUnvoiced, 0}, {true, kInf, kInf, 0},
@@ -51,20 +42,16 @@ TEST(PitchModification, ShiftAndRangeScalingMoveVoicedFramesOnly) {
        {4.5, kUnvoiced, -9.9e9 + 0.5, -2e10, kNaN, -kInf, -9999999998.5}},
       {shift, {4.0, kUnvoiced, -9.9e9, kNaN}, kNaN, {kNaN, kUnvoiced, kNaN, kNaN}},
       {scale, {4.0, kUnvoiced, 6.0, -3e10}, 2.0, {3.0, kUnvoiced, 7.0, -3e10}},
-      {scale, {4.0, kNaN, 6.0}, 2.0, {3.0, kNaN, 7.0}},
-      {scale, {1.0, 2.0, 3.0, 10.0}, 3.0, {-5.0, -2.0, 1.0, 22.0}},
+      {scale, {4.0, kNaN, 6.0}, 2.0, {3.0, kNaN, 7.0}}, {scale, {1.0, 2.0, 3.0, 10.0}, 3.0, {-5.0, -2.0, 1.0, 22.0}},
       {scale, {-9.9e9, 0.0, kUnvoiced}, 2.0, {-1.485e10, 4.95e9, kUnvoiced}},
       {scale, {kUnvoiced, -2e10}, 2.0, {kUnvoiced, -2e10}},
-      {scale, {4.0, kUnvoiced, 6.0}, kNaN, {kNaN, kUnvoiced, kNaN}}};
+      {scale, {4.0, kUnvoiced, 6.0}, kNaN, {kNaN, kUnvoiced, kNaN}},
+      {scale, {-0.0, 0.0}, 2.0, {0.0, 0.0}}};  // (-0 - 0) * 2 + 0 = +0
   for (const auto &c : cases) {
     std::vector<double> t = c.in;
     EXPECT_EQ(c.op(static_cast<uint32_t>(t.size()), t.data(), c.amount), 0u);
-    EXPECT_TRUE(sametrack(t, c.out)) << "case " << &c - cases;
+    EXPECT_TRUE(samebits(t, c.out)) << "case " << &c - cases;
   }
-  // -0.0 about a mean of 0 by 2: (-0 - 0) * 2 + 0 = +0.
-  std::vector<double> z = {-0.0, 0.0};
-  scalelogpitchrange(2, z.data(), 2.0);
-  EXPECT_FALSE(std::signbit(z[0]));
   // A zero shift (either sign) and a factor of exactly 1 return at once: a voiced -0.0 would
   // become +0.0, NaN payloads would be at risk, 0.1 would come back as 0.10000000000000003.
   const std::vector<double> before = {0.1, -std::nan("0x55"), -0.0, 0.7, kUnvoiced};

@@ -21,13 +21,11 @@ TEST(Windowing, WindowsAgainstClosedForms) {
   for (const auto &c : cases)
     for (uint32_t N : {2u, 5u, 401u}) {
       std::vector<double> w(N, -99.0), q(N, -99.0);
-      EXPECT_EQ(c.make(w.data(), N, c.flag), 0u);
-      EXPECT_EQ(wincomplementary(w.data(), q.data(), N), 0u);
-      for (uint32_t n = 0; n < N; ++n) {
+      EXPECT_TRUE(c.make(w.data(), N, c.flag) == 0u && wincomplementary(w.data(), q.data(), N) == 0u);
+      for (uint32_t n = 0; n < N; ++n) {  // the complementary window is the negative-sine companion
         const long double ang = 2.0L * kPiL * n / (N - 1);
-        EXPECT_NEAR(w[n], static_cast<double>(c.a - c.b * std::cos(ang)), 1e-15) << c.name << " N=" << N << " n=" << n;
-        // The complementary window is the negative-sine companion.
-        EXPECT_NEAR(q[n], static_cast<double>(w[n] * -std::sin(ang)), 1e-15) << c.name << " N=" << N << " n=" << n;
+        EXPECT_TRUE(std::fabs(w[n] - static_cast<double>(c.a - c.b * std::cos(ang))) <= 1e-15 &&
+                    std::fabs(q[n] - static_cast<double>(w[n] * -std::sin(ang))) <= 1e-15) << c.name << N << " " << n;
       }
     }
 }
@@ -54,8 +52,8 @@ TEST(Windowing, WindowedSegmentEdgesAndResult) {
   // With a window the copied samples are multiplied by it, index by index.
   const double win[7] = {0.5, 2.0, -1.0, 4.0, 0.25, 3.0, 8.0};
   std::vector<double> out(7);
-  EXPECT_EQ(getwindowedsamples(x, 10, 1, out.data(), 3, win), 1u);
-  EXPECT_EQ(out, (std::vector<double>{0.0, 0.0, -1.0, 8.0, 0.75, 12.0, 40.0}));  // x[0..4] = 1..5
+  EXPECT_TRUE(getwindowedsamples(x, 10, 1, out.data(), 3, win) == 1u &&
+              out == (std::vector<double>{0.0, 0.0, -1.0, 8.0, 0.75, 12.0, 40.0}));  // x[0..4] = 1..5
   // Result: 1 at the first valid non-zero entry (NaN included), 0 when all valid entries are
   // zero (-0.0 is zero), whatever lies outside the segment 2 .. 8. One sample of a zero signal
   // is set; hann[0] is exactly 0.
@@ -84,18 +82,15 @@ TEST(Windowing, OverlapAddWeights) {
       {std::vector<double>(4, 0.0), std::vector<double>(3, 2.0), 0, 0, 3, {2.0, 2.0 * 2.0 / 3.0, 2.0 / 3.0, 0.0}}};
   for (const auto &c : cases) {
     std::vector<double> out = c.out;
-    EXPECT_EQ(olatriang(out.data(), c.frame.data(), c.start, c.centre, c.end), 0u);
-    EXPECT_EQ(out, c.want) << c.start << " " << c.centre << " " << c.end;
+    EXPECT_TRUE(olatriang(out.data(), c.frame.data(), c.start, c.centre, c.end) == 0u && out == c.want) << c.start;
   }
   std::vector<double> out, frame;
   // Neighbouring frames at centres P and 2P, as the synthesis lays them, add
   // up to exactly the constant on P .. 2P-1.
   for (uint32_t P : {1u, 7u, 80u, 257u})
     for (double v : {7.0, -2.5}) {
-      out.assign(3 * P + 1, 0.0);
-      frame.assign(2 * P, v);
-      olatriang(out.data(), frame.data(), 0, P, 2 * P);
-      olatriang(out.data(), frame.data(), P, 2 * P, 3 * P);
+      out.assign(3 * P + 1, 0.0), frame.assign(2 * P, v);
+      olatriang(out.data(), frame.data(), 0, P, 2 * P), olatriang(out.data(), frame.data(), P, 2 * P, 3 * P);
       for (uint32_t s = P; s < 2 * P; ++s) ASSERT_EQ(out[s], v) << "P=" << P << " v=" << v << " s=" << s;
       EXPECT_TRUE(out[0] == 0.0 && out[3 * P] == 0.0);
     }
@@ -105,10 +100,8 @@ TEST(Windowing, OverlapAddWeights) {
   const uint32_t spans[][3] = {{3, 8, 11}, {10, 90, 170}, {0, 1, 2}};
   for (const auto &c : spans) {
     const uint32_t start = c[0], centre = c[1], end = c[2], a = centre - start, b = end - centre;
-    out.assign(end + 2, 0.25);
-    frame.resize(end - start);
+    out.assign(end + 2, 0.25), frame.resize(end - start), out[centre] = 1000.0;
     for (uint32_t i = 0; i < frame.size(); ++i) frame[i] = 2.0 + i;
-    out[centre] = 1000.0;
     EXPECT_EQ(olahann(out.data(), frame.data(), start, centre, end), 0u);
     for (uint32_t i = 0; i < out.size(); ++i) {
       const bool left = i < centre;
@@ -139,8 +132,7 @@ TEST(Windowing, LengthAndCountRules) {
   for (const auto &p : pot2) EXPECT_EQ(getwinlengthceilpot2(p[0]), p[1]) << p[0];
 
   const struct { double nperiods, f0, fs; uint32_t expect; } periods[] = {
-      {2.5, 100, 16000, 401},  // even lengths made odd
-      {3, 100.1, 16000, 481},  // ceil(479.5...) = 480, made odd
+      {2.5, 100, 16000, 401}, {3, 100.1, 16000, 481},  // even lengths made odd; ceil(479.5...) = 480, made odd
       // f0 is 48000/91 rounded down, so (3*16000)/f0 lies just above 91: ceil
       // gives 92 -> 93. Dividing first, 3*(16000/f0) is exactly 91.
       {3, 48000.0 / 91.0, 16000, 93},

@@ -20,21 +20,16 @@ TEST(Parabola, VertexOfParabolasWithKnownVertex) {
     SCOPED_TRACE(testing::Message() << "k=" << c.k << " x0=" << c.x0 << " y0=" << c.y0);
     double pts[3], coef[3], coef2[3];
     for (int i = 0; i < 3; ++i) pts[i] = c.k * (i - 1 - c.x0) * (i - 1 - c.x0) + c.y0;
-    EXPECT_EQ(parabfit(pts[0], pts[1], pts[2], coef), 0);
-    EXPECT_NEAR(coef[0], c.k, 1e-12);
-    EXPECT_NEAR(coef[1], -2 * c.k * c.x0, 1e-12);
-    EXPECT_EQ(coef[2], pts[1]);
-    EXPECT_NEAR(parabextx(coef), c.x0, 1e-9);
-    EXPECT_NEAR(parabexty(coef), c.y0, 1e-9);
-    EXPECT_EQ(parabfitpoints(pts, coef2), 0);
+    EXPECT_TRUE(parabfit(pts[0], pts[1], pts[2], coef) == 0 && parabfitpoints(pts, coef2) == 0);
+    EXPECT_TRUE(std::fabs(coef[0] - c.k) < 1e-12 && std::fabs(coef[1] + 2 * c.k * c.x0) < 1e-12 && coef[2] == pts[1]);
+    EXPECT_TRUE(std::fabs(parabextx(coef) - c.x0) < 1e-9 && std::fabs(parabexty(coef) - c.y0) < 1e-9);
     EXPECT_TRUE(std::equal(coef, coef + 3, coef2));
   }
   // Collinear points: (0.3 + 0.1) - 2*0.2 is exactly 0, whereas the difference
   // of differences (0.3 - 0.2) - (0.2 - 0.1) is -2.8e-17.
   double coef[3];
   parabfit(0.1, 0.2, 0.3, coef);
-  EXPECT_EQ(coef[0], 0.0);
-  EXPECT_EQ(coef[1], (0.3 - 0.1) / 2);
+  EXPECT_TRUE(coef[0] == 0.0 && coef[1] == (0.3 - 0.1) / 2) << coef[0];
   parabfit(0.5, 1.0, 0.5, coef);  // flat top: vertex at the middle point, middle value
   EXPECT_TRUE(parabextx(coef) == 0.0 && parabexty(coef) == 1.0);
 }

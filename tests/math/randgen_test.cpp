@@ -29,8 +29,7 @@ TEST(Randgen, BatchDrawsContinueTheSameSequence) {
   // Batches of every size around the table length and across the 256-draw
   // chunks of a batch, interleaved with single draws.
   RANDGEN a, b;
-  randgenseed(&a, 3);
-  randgenseed(&b, 3);
+  randgenseed(&a, 3), randgenseed(&b, 3);
   std::vector<int32_t> got(600);
   for (uint32_t count : {0u, 1u, 2u, 30u, 31u, 32u, 61u, 62u, 70u, 256u, 600u}) {
     randgendraws(&a, got.data(), count);

@@ -54,20 +54,16 @@ struct SynthUtterance {
 };
 
 // splitmix64: small, portable, independent of the C library's rand().
-class SynthUttRng {
- public:
-  explicit SynthUttRng(uint64_t seed) : s_(seed) {}
+struct SynthUttRng {
+  uint64_t s;
   uint64_t next() {
-    uint64_t z = (s_ += 0x9E3779B97F4A7C15ull);
+    uint64_t z = (s += 0x9E3779B97F4A7C15ull);
     z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
     z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
     return z ^ (z >> 31);
   }
   double uniform() { return static_cast<double>(next() >> 11) * (1.0 / 9007199254740992.0); }  // [0, 1)
   double uniform(double lo, double hi) { return lo + (hi - lo) * uniform(); }
-
- private:
-  uint64_t s_;
 };
 
 // Warped cepstrum c0..c_order of a natural-log amplitude envelope logenv(f Hz),
@@ -111,18 +107,13 @@ constexpr double kSynthUttVowels[5][4] = {
 
 inline SynthUtterance makesynthutterance(const SynthUttOptions &opt = SynthUttOptions()) {
   SynthUtterance u;
-  u.fs = opt.fs;
-  u.shift = opt.shift;
-  u.order = opt.order;
-  u.alpha = opt.alpha;
+  u.fs = opt.fs, u.shift = opt.shift, u.order = opt.order, u.alpha = opt.alpha;
   const double frate = opt.fs / opt.shift;
   u.nframes = static_cast<uint32_t>(std::max(1.0, std::floor(opt.seconds * frate)));
   const uint32_t N = u.nframes;
-  u.logf0.assign(N, kUnvoicedLogF0);
-  u.f0.assign(N, 0.0);
-  u.fv.assign(N, 1000.0);
+  u.logf0.assign(N, kUnvoicedLogF0), u.f0.assign(N, 0.0), u.fv.assign(N, 1000.0);
   u.cc.assign(static_cast<size_t>(N) * (opt.order + 1), 0.0);
-  SynthUttRng rng(opt.seed);
+  SynthUttRng rng{opt.seed};
 
   // Segment plan: leading silence, then unvoiced gap / voiced stretch pairs.
   struct Segment { uint32_t begin, end; bool voiced; };
@@ -135,8 +126,7 @@ inline SynthUtterance makesynthutterance(const SynthUttOptions &opt = SynthUttOp
     const uint32_t len = std::max<uint32_t>(1, static_cast<uint32_t>(dur * frate));
     const uint32_t end = std::min<uint32_t>(N, t + len);
     plan.push_back({t, end, voiced});
-    t = end;
-    voiced = !voiced;
+    t = end, voiced = !voiced;
   }
   // End in silence: the last few frames unvoiced whatever the plan said.
   const uint32_t tail = std::min<uint32_t>(N, static_cast<uint32_t>(0.05 * frate));
@@ -146,12 +136,10 @@ inline SynthUtterance makesynthutterance(const SynthUttOptions &opt = SynthUttOp
     const uint32_t len = seg.end - seg.begin;
     if (len == 0) continue;
     if (seg.voiced) {
-      const double fa = rng.uniform(80.0, 300.0), fb = rng.uniform(80.0, 300.0);
-      const double vib = rng.uniform(3.0, 6.0);
+      const double fa = rng.uniform(80.0, 300.0), fb = rng.uniform(80.0, 300.0), vib = rng.uniform(3.0, 6.0);
       const double fva = rng.uniform(2000.0, 7000.0), fvb = rng.uniform(2000.0, 7000.0);
       const unsigned v0 = vowel, v1 = vowel = static_cast<unsigned>(rng.next() % 5);
-      const double peak = rng.uniform(-5.6, -4.6);
-      const double tiltk = rng.uniform(0.3, 0.8);
+      const double peak = rng.uniform(-5.6, -4.6), tiltk = rng.uniform(0.3, 0.8);
       for (uint32_t i = seg.begin; i < seg.end; ++i) {
         const double x = len > 1 ? static_cast<double>(i - seg.begin) / (len - 1) : 0.5;
         const double s = x * x * (3.0 - 2.0 * x);  // smooth glide
