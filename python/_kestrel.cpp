@@ -152,7 +152,7 @@ py::tuple to16k(Array x, double fs, const std::string &name) {
 // The whole analysis of a 16 kHz recording, as kestrelana does it.
 py::tuple analyse(Array x, uint32_t lframe, uint32_t order, double alpha, uint8_t method, double f0min,
                   double f0max, bool refine, bool htsscale, bool withfv, const std::string &name,
-                  uint8_t pitch, uint32_t threads) {
+                  uint8_t pitch, uint32_t threads, uint32_t match) {
   const uint32_t n = count32(static_cast<size_t>(x.size()), name.c_str());
   if (n > kMaxAnalysisSamples)
     fail(fmt("%s is too long (%u samples; the limit is %llu).", name.c_str(), static_cast<unsigned>(n),
@@ -166,6 +166,7 @@ py::tuple analyse(Array x, uint32_t lframe, uint32_t order, double alpha, uint8_
   s.f0min = f0min;
   s.f0max = f0max;
   s.refine = refine;
+  s.matchpasses = match;
   s.htsscale = htsscale;
   s.crosscorrelation = pitch == 1;
   s.threads = threads;
@@ -435,7 +436,8 @@ PYBIND11_MODULE(_kestrel, m) {
   m.def("to16k", &to16k, py::arg("x"), py::arg("fs"), py::arg("name"));
   m.def("analyse", &analyse, py::arg("x"), py::arg("lframe"), py::arg("order"), py::arg("alpha"),
         py::arg("method"), py::arg("f0min"), py::arg("f0max"), py::arg("refine"), py::arg("htsscale"),
-        py::arg("withfv"), py::arg("name"), py::arg("pitch") = 1, py::arg("threads") = 1);
+        py::arg("withfv"), py::arg("name"), py::arg("pitch") = 1, py::arg("threads") = 1,
+        py::arg("match") = 0);
   m.def("synthesise", &synthesise, py::arg("logf0"), py::arg("cc"), py::arg("fv"), py::arg("lframe"),
         py::arg("alpha"), py::arg("fpitch"), py::arg("fvpitch"), py::arg("fdur"), py::arg("fwarp"),
         py::arg("floud"), py::arg("fpfilt"), py::arg("fdrc"), py::arg("htsscale"), py::arg("wavnorm"),

@@ -139,14 +139,15 @@ def countframes(nsamples: int, shift: int = 80) -> int:
 
 def analyse(x: ArrayLike, fs: float, *, shift: int = 80, order: int = 59, alpha: float = 0.42,
             method: int = 0, pitch: int = 1, f0min: float = 60.0, f0max: float = 500.0, refine: bool = False,
-            hts_scale: bool = False, fv: bool = True, threads: int = 1) -> Features:
+            hts_scale: bool = False, fv: bool = True, threads: int = 1, match: int = 0) -> Features:
     """Analyses a recording into log f0, warped cepstra and maximum voiced frequency.
 
     x: 1-D or (samples, channels) array of int16 (full scale 32768), int32 (2^31), float32
     or float64 (+-1.0), at any rate fs; channels are averaged and the result resampled to
     16 kHz as kestrelana does. Options are kestrelana's (shift is its --lframe, 1 ... 8000
     samples at 16 kHz; method 0 ... 4; pitch 1 the cross-correlation tracker, 0 the
-    autocorrelation one; refine its --refine=1; threads its --threads, 0 = all cores). hts_scale=True gives the
+    autocorrelation one; refine its --refine=1; match its --match, 0 ... 2 analysis-by-synthesis
+    passes; threads its --threads, 0 = all cores). hts_scale=True gives the
     cepstra as kestrelana writes them by default (c0 + 5, others doubled); either way
     Features.save writes the command's files. fv=False skips the voiced-frequency track.
     """
@@ -156,6 +157,7 @@ def analyse(x: ArrayLike, fs: float, *, shift: int = 80, order: int = 59, alpha:
     method = _int("method", method, 0, 4)
     pitch = _int("pitch", pitch, 0, 1)
     threads = _int("threads", threads, 0, 1024)
+    match = _int("match", match, 0, 2)
     if threads == 0:
         threads = os.cpu_count() or 1
     f0min = _ranged("f0min", f0min, 20.0, 1000.0)
@@ -164,7 +166,7 @@ def analyse(x: ArrayLike, fs: float, *, shift: int = 80, order: int = 59, alpha:
         raise ValueError(f"f0max={f0max:g} must be above f0min={f0min:g}.")
     y = _mono16k(x, fs, "x")
     lf0, cc, fvtrack = _kestrel.analyse(y, shift, order, alpha, method, f0min, f0max, bool(refine),
-                                        bool(hts_scale), bool(fv), "x", pitch, threads)
+                                        bool(hts_scale), bool(fv), "x", pitch, threads, match)
     return Features(lf0, cc, fvtrack, shift=shift, alpha=alpha, hts_scale=bool(hts_scale))
 
 

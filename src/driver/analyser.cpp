@@ -11,6 +11,10 @@ namespace kestrel_driver {
 namespace {
 
 constexpr uint32_t kRefineIterations = 5;
+// A damped step: the resynthesis's envelope differs from its cepstra in a way
+// that itself depends on them (amplitudes interpolated between frames,
+// overlap-add), and a full step overshoots.
+constexpr double kMatchStep = 0.4;
 
 // The inverse of kestrelsyn's default rescaling: c0 + 5, c1..c_order doubled.
 void htsadapteradhoc(double *cc, uint32_t order, uint32_t nframes) {
@@ -19,6 +23,30 @@ void htsadapteradhoc(double *cc, uint32_t order, uint32_t nframes) {
     c[0] = c[0] + 5.0;
     for (uint32_t j = 1; j <= order; ++j) c[j] = c[j] * 2.0;
   }
+}
+
+// Voiced frames only: the resynthesis of an unvoiced frame is one draw of
+// noise, and matching its periodogram would fit that draw, not the envelope.
+bool matchresynthesis(uint32_t n, const AnalyserSettings &s, const double *f0, const double *fv,
+                      uint32_t nframes, double *cc) {
+  const uint32_t shift = s.lframe, width = s.order + 1u;
+  const size_t ncc = static_cast<size_t>(width) * nframes;
+  const std::vector<double> target(cc, cc + ncc);
+  std::vector<double> y(getwaveformlength(shift, nframes)), got(ncc);
+  for (uint32_t pass = 0; pass < s.matchpasses; ++pass) {
+    got.assign(cc, cc + ncc);  // the synthesis round-trips c0; keep cc exact
+    if (cc2waveformthreads(y.data(), static_cast<uint32_t>(y.size()), kAnalysisFs, shift, nframes, f0, fv, s.order,
+                           got.data(), s.alpha, s.threads) != 0 ||
+        waveform2ccthreads(y.data(), n, kAnalysisFs, shift, shift, nframes, f0, s.order, got.data(), s.alpha,
+                           s.method, s.threads) != 0)
+      return false;
+    for (uint32_t k = 0; k < nframes; ++k) {
+      if (!(f0[k] > 0.0)) continue;
+      const size_t row = static_cast<size_t>(k) * width;
+      for (uint32_t j = 0; j < width; ++j) cc[row + j] += kMatchStep * (target[row + j] - got[row + j]);
+    }
+  }
+  return true;
 }
 
 bool allfinite(const std::vector<double> &v) {
@@ -60,6 +88,9 @@ AnalysisStatus analyserecording(const double *x, uint32_t n, const AnalyserSetti
   }
   if (waveform2ccthreads(x, n, kAnalysisFs, shift, shift, nframes, f0.data(), order, out->cc.data(), s.alpha, s.method,
                          s.threads) != 0)
+    return AnalysisStatus::cepstrumfailed;
+  if (s.matchpasses > 0 &&
+      !matchresynthesis(n, s, f0.data(), withfv ? out->fv.data() : nullptr, nframes, out->cc.data()))
     return AnalysisStatus::cepstrumfailed;
   if (s.htsscale) htsadapteradhoc(out->cc.data(), order, nframes);
   if (!allfinite(f0) || !allfinite(out->cc) || !allfinite(out->fv)) return AnalysisStatus::notfinite;

@@ -30,6 +30,10 @@ struct AnalyserSettings {
   double f0max = 500.0;
   bool crosscorrelation = true;  // getpitchdp; false: the autocorrelation tracker getpitch
   bool refine = false;
+  // Analysis-by-synthesis passes: each resynthesises the cepstra, analyses the
+  // result on the same pitch track and moves every voiced frame's cepstrum a
+  // step towards the recording's by the difference (0: none).
+  uint32_t matchpasses = 0;
   bool htsscale = true;
   uint32_t threads = 1;  // cepstral-analysis threads (same bits for any count)
 };

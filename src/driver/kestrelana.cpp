@@ -107,6 +107,7 @@ void printhelp(const char *progpath) {
   std::printf("   --pitch=1       Pitch tracker [0...1]: 0 autocorrelation peaks,\n");
   std::printf("                   1 cross-correlation, whole-utterance search\n");
   std::printf("   --refine=0      Pitch refinement by harmonic analysis [0...1]\n");
+  std::printf("   --match=0       Analysis-by-synthesis passes on voiced cepstra [0...2]\n");
   std::printf("   --htsscale=1    Cepstra scaled for HTS modelling (c0+5, others x2) [0...1]\n");
   std::printf("   --indlist=      Index list for batch processing, e.g. 1-20,25 [none]\n");
   std::printf("\n");
@@ -135,6 +136,7 @@ struct Settings {
   double f0max = 500.0;
   long long pitch = 1;
   long long refine = 0;
+  long long match = 0;
   long long htsscale = 1;
   const char *indlist = nullptr;
   kestrel_batch::BatchOptions batch;
@@ -172,6 +174,7 @@ Settings readsettings(uint32_t nopts, char **opts) {
   searchdoubleparam(nopts, opts, "f0max", &s.f0max);
   searchwideint(nopts, opts, "pitch", &s.pitch);
   searchwideint(nopts, opts, "refine", &s.refine);
+  searchwideint(nopts, opts, "match", &s.match);
   searchwideint(nopts, opts, "htsscale", &s.htsscale);
   s.indlist = searchstringparam(nopts, opts, "indlist");
   return s;
@@ -195,7 +198,7 @@ bool checksettings(const Settings &s) {
       !checkdouble("alpha", s.alpha, -0.99, 0.99) || !checkint("method", s.method, 0, 4) ||
       !checkdouble("f0min", s.f0min, 20.0, 1000.0) || !checkdouble("f0max", s.f0max, 40.0, 2000.0) ||
       !checkint("pitch", s.pitch, 0, 1) || !checkint("refine", s.refine, 0, 1) ||
-      !checkint("htsscale", s.htsscale, 0, 1))
+      !checkint("match", s.match, 0, 2) || !checkint("htsscale", s.htsscale, 0, 1))
     return false;
   if (!(s.f0max > s.f0min)) {
     printerror("--f0max=%g must be above --f0min=%g.", s.f0max, s.f0min);
@@ -571,6 +574,7 @@ double processutterance(const FileNames &names, const Settings &s, Log &log) {
   as.f0max = s.f0max;
   as.crosscorrelation = s.pitch == 1;
   as.refine = s.refine == 1;
+  as.matchpasses = static_cast<uint32_t>(s.match);
   as.htsscale = s.htsscale == 1;
   as.threads = s.batch.threads;
   kestrel_driver::Analysis a;
