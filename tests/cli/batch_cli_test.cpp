@@ -40,27 +40,19 @@ class BatchTest : public CliTest {
     }
     std::ofstream(at("@/wav.scp")) << scp;
   }
-  // Runs a list-mode command; its log with the directory replaced by "@".
-  std::string runlist(const std::string &prog, const std::string &a, int status) {
-    Result r = run(prog, args(a));
-    EXPECT_EQ(r.status, status) << a << "\n" << r.out;
-    EXPECT_EQ(r.err, "") << a;
-    for (size_t k = 0; (k = r.out.find(dir, k)) != std::string::npos;) r.out.replace(k, dir.size(), "@");
-    return r.out;
-  }
 };
 
 TEST_F(BatchTest, LogsAndFilesDoNotDependOnJobsAndFailuresAreAccounted) {
   writelist(4);
   for (const std::string j : {"1", "4"}) {  // four jobs also split each utterance over two threads
     const std::string opts = " --jobs=" + j + (j == "4" ? " --threads=2" : "");
-    EXPECT_EQ(runlist(kAna, "--list=@/wav.scp --outdir=@/f" + j + " --failed=@/failed" + j + opts, 1),
+    expectrun(kAna, "--list=@/wav.scp --outdir=@/f" + j + " --failed=@/failed" + j + opts, 1,
               "@/f" + j + "/spk_aa_f_vctk_p225_001.cc\n@/f" + j + "/spk_ba_f_axb_arctic_a0004.cc\n@/f" + j +
                   "/gone.cc\nError: could not open @/missing.wav.\n@/f" + j + "/garbled.cc\n"
                   "Error: @/noise.wav is not an audio file that can be read (Format not recognised).\n@/f" + j +
                   "/spk_ca_f_vctk_p225_001.cc\n@/f" + j + "/spk_da_f_axb_arctic_a0004.cc\n2 of 6 utterances failed.\n");
-    const std::string log = runlist(kSyn, "--list=@/wav.scp --featdir=@/f" + j + " --outdir=@/w" + j + opts, 1);
-    EXPECT_NE(log.find("@/w" + j + "/gone.wav\nError: could not open @/f" + j + "/gone.lf0.\n"), std::string::npos);
+    const std::string log = run(kSyn, args("--list=@/wav.scp --featdir=@/f" + j + " --outdir=@/w" + j + opts)).out;
+    EXPECT_NE(log.find(at("@/w" + j + "/gone.wav\nError: could not open @/f" + j + "/gone.lf0.\n")), std::string::npos);
     EXPECT_EQ(bytes("@/failed" + j), (Bytes{'g', 'o', 'n', 'e', '\n', 'g', 'a', 'r', 'b', 'l', 'e', 'd', '\n'}));
   }
   EXPECT_TRUE(tree(at("@/f4")) == tree(at("@/f1")) && tree(at("@/f1")).size() == 12u);
@@ -83,16 +75,16 @@ TEST_F(BatchTest, LogsAndFilesDoNotDependOnJobsAndFailuresAreAccounted) {
 // shards add up to the whole run is checked with the cluster recipes in tests/cluster.)
 TEST_F(BatchTest, SkipExistingRedoesOnlyIncompleteUtterances) {
   writelist(2);
-  runlist(kAna, "--list=@/wav.scp --outdir=@/f", 1);
-  runlist(kSyn, "--list=@/wav.scp --featdir=@/f --outdir=@/w", 1);
+  run(kAna, args("--list=@/wav.scp --outdir=@/f"));
+  run(kSyn, args("--list=@/wav.scp --featdir=@/f --outdir=@/w"));
   const Tree feats = tree(at("@/f")), wavs = tree(at("@/w"));
   const auto kept = fs::last_write_time(at("@/f/spk_aa_f_vctk_p225_001.cc"));
   for (const char *f : {"@/f/spk_ba_f_axb_arctic_a0004.fv", "@/w/spk_aa_f_vctk_p225_001.wav"}) fs::remove(at(f));
-  EXPECT_EQ(runlist(kAna, "--list=@/wav.scp --outdir=@/f --SKIP-EXISTING", 1),
+  expectrun(kAna, "--list=@/wav.scp --outdir=@/f --SKIP-EXISTING", 1,
             "@/f/spk_ba_f_axb_arctic_a0004.cc\n@/f/gone.cc\nError: could not open @/missing.wav.\n@/f/garbled.cc\n"
             "Error: @/noise.wav is not an audio file that can be read (Format not recognised).\n"
             "1 of 4 utterances skipped: their outputs exist.\n2 of 4 utterances failed.\n");
-  EXPECT_EQ(runlist(kSyn, "--list=@/wav.scp --featdir=@/f --outdir=@/w --skip-existing", 1),
+  expectrun(kSyn, "--list=@/wav.scp --featdir=@/f --outdir=@/w --skip-existing", 1,
             "@/w/spk_aa_f_vctk_p225_001.wav\n@/w/gone.wav\nError: could not open @/f/gone.lf0.\n@/w/garbled.wav\n"
             "Error: could not open @/f/garbled.lf0.\n"
             "1 of 4 utterances skipped: their outputs exist.\n2 of 4 utterances failed.\n");
