@@ -14,13 +14,10 @@ using Tree = std::map<std::string, Bytes>;
 
 const std::string kAna = KESTRELANA_PATH, kSyn = KESTRELSYN_PATH;
 
-// Every regular file under dir (name -> bytes), temporaries left out.
+// Every file in dir (name -> bytes), a leftover temporary included.
 Tree tree(const std::string &dir) {
   Tree t;
-  std::error_code missing;
-  for (const auto &e : fs::directory_iterator(dir, missing))
-    if (e.path().filename().string().find("tmp") == std::string::npos)
-      t[e.path().filename().string()] = readbytes(e.path().string());
+  for (const auto &e : fs::directory_iterator(dir)) t[e.path().filename().string()] = readbytes(e.path().string());
   return t;
 }
 
