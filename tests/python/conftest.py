@@ -25,6 +25,13 @@ def run(*args):
     assert r.stderr == "" and (r.stdout == "" or str(args[1]).startswith("--list=")), (args, r.stdout)
 
 
+def sh(*args, status=0, env=None):
+    """Runs a command, expects its exit status and returns what it printed."""
+    r = subprocess.run([str(a) for a in args], capture_output=True, text=True, env=env, timeout=300)
+    assert r.returncode == status, (args, r.stdout, r.stderr)
+    return r.stdout
+
+
 def same_bytes(a, b):
     return pathlib.Path(a).read_bytes() == pathlib.Path(b).read_bytes()
 

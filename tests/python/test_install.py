@@ -4,17 +4,10 @@ library exports exactly the routines its headers declare."""
 import os
 import pathlib
 import re
-import subprocess
 
-from conftest import BINARY_DIR, SOURCE_DIR, same_bytes, wav
+from conftest import BINARY_DIR, SOURCE_DIR, same_bytes, sh, wav
 
 EXAMPLE = os.path.join(SOURCE_DIR, "examples", "c", "resynth.c")
-
-
-def sh(*args, env=None):
-    r = subprocess.run([str(a) for a in args], capture_output=True, text=True, env=env, timeout=300)
-    assert r.returncode == 0, (args, r.stdout, r.stderr)
-    return r.stdout
 
 
 def test_install_gives_the_headers_exports_and_a_buildable_example(tmp_path):

@@ -1,11 +1,10 @@
 """The PNG of an analysis: written, of a sensible size, and not blank; also from the command line."""
-import subprocess
 import sys
 
 import numpy as np
 
 import kestrel
-from conftest import wav
+from conftest import run, sh, wav
 
 REC = wav("f_vctk_p225_001")
 
@@ -28,9 +27,7 @@ def test_plot_with_resynthesis_and_from_the_command_line(tmp_path):
     half = two.shape[0] // 2
     assert two[half:, :, :3].mean() > 0.85 * two[:half, :, :3].mean()
     out = tmp_path / "c.png"
-    r = subprocess.run([sys.executable, "-m", "kestrel.plot", REC, str(out)], capture_output=True, text=True)
-    assert r.returncode == 0 and r.stdout == "" and r.stderr == "", r
+    run(sys.executable, "-m", "kestrel.plot", REC, out)
     assert picture(out, 300).shape[0] < 0.7 * two.shape[0]  # one panel fewer
-    r = subprocess.run([sys.executable, "-m", "kestrel.plot", REC, str(tmp_path / "none"), str(out)],
-                       capture_output=True, text=True)
-    assert r.returncode == 1 and r.stdout.startswith("Error: could not open"), r
+    assert sh(sys.executable, "-m", "kestrel.plot", REC, tmp_path / "none", out, status=1).startswith(
+        "Error: could not open")
