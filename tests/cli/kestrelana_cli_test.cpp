@@ -119,7 +119,7 @@ TEST_F(KestrelanaCli, HelpAndArgumentErrorsExit255WithoutOutput) {
            {"--lframe=0", "1...8000"}, {"--lframe=8001", "1...8000"}, {"--order=-1", "0...255"},
            {"--order=256", "0...255"}, {"--alpha=0.995", "-0.99...0.99"}, {"--alpha=nan", "-0.99...0.99"},
            {"--method=5", "0...4"}, {"--f0min=19.9", "20...1000"}, {"--f0max=2000.5", "40...2000"},
-           {"--refine=2", "0...1"}, {"--pitch=2", "0...1"}, {"--htsscale=-1", "0...1"},
+           {"--refine=2", "0...1"}, {"--match=3", "0...2"}, {"--pitch=2", "0...1"}, {"--htsscale=-1", "0...1"},
            {"--order=4294967297", "0...255"}, {"--refine=-4294967295", "0...1"}})  // not wrapped to 32 bits
     rows.push_back({W + o.first, E(o.first + std::string(" is out of range [") + o.second + "]")});
   for (const auto &row : rows) check(row.first, row.second, 255);
