@@ -21,7 +21,6 @@
 namespace {
 
 using namespace kestreltest;
-constexpr double kFs = 16000.0;
 
 struct Series {
   std::vector<double> amp, phase, freq, x;  // per harmonic (phase at sample `centre`); the signal

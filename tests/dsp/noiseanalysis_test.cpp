@@ -19,7 +19,6 @@
 namespace {
 
 using namespace kestreltest;
-constexpr double kFs = 16000.0;
 constexpr uint32_t kN = 401, kNfft = 1024;
 const double kFloor = std::log(std::sqrt(kN * 1.0000000000000002e-10 / (kN * kFs)));  // log(sqrt(1e-10/fs))
 

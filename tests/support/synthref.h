@@ -16,6 +16,7 @@
 namespace kestreltest {
 
 constexpr double kPi = 3.141592653589793;
+constexpr double kFs = 16000.0;  // the rate most routine tests run at
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 const double kInf = std::numeric_limits<double>::infinity();
 
