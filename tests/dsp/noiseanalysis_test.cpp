@@ -118,41 +118,36 @@ int drawafter(unsigned seed, int skip) {
   return std::rand();
 }
 
-TEST(Gennoisefromlogspectrum, OneDrawPerBinEvenForSilentBinsAndNoneWhenRefused) {
+TEST(Gennoisefromlogspectrum, OneDrawPerBinASingleBinIsACosineAndRefusalsDrawNothing) {
   // nfft/2 - 1 draws (none for nfft <= 2, which is silence); -inf bins are silent but draw.
-  for (uint32_t nfft : {2u, 4u, 256u})
-    for (double L : {-2.0, -kInf}) {
-      std::vector<double> buf(2 * nfft, L);
-      std::srand(77);
-      ASSERT_EQ(gennoisefromlogspectrum(buf.data(), nfft, 16000.0), 0);
-      const int next = std::rand();
-      EXPECT_EQ(next, drawafter(77, nfft >= 4 ? static_cast<int>(nfft / 2 - 1) : 0)) << nfft;
-      EXPECT_TRUE((nfft > 2 && L != -kInf) || std::vector<double>(buf.begin(), buf.begin() + nfft) ==
-                                                   std::vector<double>(nfft, 0.0)) << nfft;
+  // Bin k0 alone (the rest -inf): x[j] = 2 m cos(2 pi k0 j / N + psi), m = exp(L) sqrt(fs/N), psi
+  // from the k0-th draw; no bin at all (k0 = 0): zeros. Other levels: only the draws are checked.
+  const double L = -1.5;
+  const struct { uint32_t nfft, k0; double rest; } cases[] = {{2, 0, -2.0},   {4, 0, -2.0},   {256, 0, -2.0},
+                                                              {2, 0, -kInf},  {4, 0, -kInf},  {256, 0, -kInf},
+                                                              {64, 1, -kInf}, {64, 31, -kInf}};
+  for (const auto &c : cases) {
+    std::vector<double> buf(2 * c.nfft, c.rest);
+    if (c.k0) buf[c.k0] = L;
+    const double m = std::exp(L) * std::sqrt(kFs / c.nfft);
+    const double psi = drawafter(11, static_cast<int>(c.k0) - 1) * (2 * kPi / 2147483647.0);
+    std::srand(11);
+    ASSERT_EQ(gennoisefromlogspectrum(buf.data(), c.nfft, kFs), 0);
+    const int next = std::rand();
+    EXPECT_EQ(next, drawafter(11, c.nfft >= 4 ? static_cast<int>(c.nfft / 2 - 1) : 0)) << c.nfft;
+    for (uint32_t j = 0; j < c.nfft && (c.rest == -kInf || c.nfft == 2); ++j) {
+      const double want = c.k0 ? 2 * m * std::cos(2 * kPi * c.k0 * j / c.nfft + psi) : 0.0;
+      EXPECT_TRUE(c.k0 ? std::fabs(buf[j] - want) < 1e-12 && std::fabs(buf[c.nfft + j]) < 1e-12 : buf[j] == 0.0)
+          << c.nfft << " " << c.k0 << " " << j << ": " << buf[j] << ", " << buf[c.nfft + j];
     }
+  }
   // Not a power of two: refused before any draw or write.
   for (uint32_t bad : {0u, 96u}) {
     std::vector<double> buf(2 * 96 + 2, 1.25);
     std::srand(9);
-    EXPECT_EQ(gennoisefromlogspectrum(buf.data(), bad, 16000.0), -1) << bad;
+    EXPECT_EQ(gennoisefromlogspectrum(buf.data(), bad, kFs), -1) << bad;
     const int next = std::rand();
     EXPECT_TRUE(next == drawafter(9, 0) && buf == std::vector<double>(2 * 96 + 2, 1.25)) << bad;
-  }
-}
-
-TEST(Gennoisefromlogspectrum, SingleBinIsACosineWithItsOwnDrawAsPhase) {
-  // Bin k0 alone: x[j] = 2 m cos(2 pi k0 j / N + psi), m = exp(L) sqrt(fs/N), psi from the k0-th draw.
-  const uint32_t nfft = 64;
-  const double fs = 16000.0, L = -1.5, m = std::exp(L) * std::sqrt(fs / nfft);
-  for (uint32_t k0 : {1u, 31u}) {
-    std::vector<double> buf(2 * nfft, -kInf);
-    buf[k0] = L;
-    const double psi = drawafter(11, k0 - 1) * (2 * kPi / 2147483647.0);
-    std::srand(11);
-    gennoisefromlogspectrum(buf.data(), nfft, fs);
-    for (uint32_t j = 0; j < nfft; ++j)
-      EXPECT_TRUE(std::fabs(buf[j] - 2 * m * std::cos(2 * kPi * k0 * j / nfft + psi)) < 1e-12 &&
-                  std::fabs(buf[nfft + j]) < 1e-12) << k0 << " " << j << ": " << buf[j] << ", " << buf[nfft + j];
   }
 }
 
