@@ -20,7 +20,6 @@
 namespace {
 
 using namespace kestreltest;
-constexpr double kFs = 16000.0;
 
 // All-pass warping written out independently of the library.
 double warpfreq(double w, double a) {

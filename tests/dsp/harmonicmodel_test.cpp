@@ -2,7 +2,8 @@
 // (amplitudes, phases at the frame centre, frequencies), the plain evaluation
 // that pins getharmonics' bits, convergence of the frequency correction from a
 // wrong f0, exact fits of amplitude ramps, pitch refinement of a track, the
-// interpolated log spectrum, area sizing and refusals.
+// interpolated log spectrum, area sizing and refusals; harmonic counting,
+// generation and envelope resampling.
 #include "harmonicanalysis.h"
 
 #include <gtest/gtest.h>
@@ -20,7 +21,6 @@
 namespace {
 
 using namespace kestreltest;
-constexpr double kFs = 16000.0;
 
 struct Series {
   std::vector<double> amp, phase, freq, x;  // per harmonic (phase at sample `centre`); the signal
@@ -259,6 +259,59 @@ TEST(HarmonicLogSpectrum, PassesThroughTheHarmonicDensities) {
       {s.x.data(), 0.0, nfft}, {z.data(), f0, nfft}, {s.x.data(), f0, 1000}, {s.x.data(), f0, 64}};
   for (const auto &b : bad)
     EXPECT_EQ(getlogspectrumfromharms(b.x, 6000, kFs, 3000, b.f0, b.nfft, buf.data(), area), -1) << b.f0 << b.nfft;
+}
+
+TEST(Hanoharms, CountsHarmonicsStrictlyBelowTheLimit) {
+  const struct { double fs, fmax, f0; uint32_t expected; } cases[] = {
+      {16000, 16000, 100, 79}, {16000, 1000, 100, 9},    {16000, 1050, 100, 10},    {16000, 8000.5, 100, 79},
+      {16000, 100, 100, 0},    {16000, 16000, 8000, 0},  {16000, 16000, 7999.5, 1}, {16000, 1500.01, 1500, 1},
+      {16000, kNaN, 100, 79},  {16000, 16000, kNaN, 0},  {16000, 16000, -100, 0},   {kNaN, 16000, 100, 0},
+      {16000, 16000, 1e-300, UINT32_MAX},  // saturates
+  };
+  for (const auto &c : cases) EXPECT_EQ(hanoharms(c.fs, c.fmax, c.f0), c.expected) << c.fmax << " " << c.f0;
+}
+
+TEST(Genharmonics, MatchesLiteralEvaluationBitForBit) {
+  // Every group-size remainder, zero amplitudes at group edges, every modulation flag.
+  const double amps[] = {0.3,  0.0,  0.25, 0.2,  0.0,  0.0,  0.15, 0.1,  0.05,  0.04,  0.0,
+                         0.03, 0.02, 0.02, 0.01, 0.01, 0.01, 0.01, 0.01, 0.005, 0.004, 0.0};
+  const double phases[] = {0.1, 2.0, -1.0, 0.5, 3.0,  -2.5, 1.2, 0.7, -0.3, 2.2, 1.0,
+                           0.4, 0.3, -0.2, 1.1, 2.1, -1.4, 0.0, 0.6, -0.7, 1.9, 0.2};
+  for (uint32_t nh = 0; nh <= 22; ++nh)
+    for (uint8_t modulate : {0, 1, 2})
+      for (uint32_t before : {0u, 1u, 80u}) {
+        std::vector<double> a(before + 80);
+        for (size_t n = 0; n < a.size(); ++n) a[n] = std::sin(0.37 * n) * 0.01;
+        std::vector<double> b = a;
+        genharmonics(a.data(), before, 80, 16000.0, 173.3, nh, amps, phases, 1.234, modulate);
+        refgenharmonics(b.data(), before, 80, 16000.0, 173.3, nh, amps, phases, 1.234, modulate);
+        ASSERT_TRUE(samebits(a, b)) << "nh " << nh << " mod " << int(modulate) << " before " << before;
+      }
+}
+
+TEST(Resamplelogampenv, InterpolatesBetweenGridPointsAndHoldsBeyond) {
+  // {spacing, grid, output spacing, expected output}. Every 25 Hz from 25 to 450 Hz over a grid at
+  // 100 .. 400 Hz: flat below 100, linear between, the last value from 400 Hz on. Multiplied by the
+  // difference before dividing by the spacing: 1 * 7 / 3, not (1 / 3) * 7. One grid point: its value
+  // everywhere.
+  const struct { double df; std::vector<double> env; double dfout; std::vector<double> want; } cases[] = {
+      {100.0, {1, 2, 4, 8}, 25.0, {1, 1, 1, 1, 1.25, 1.5, 1.75, 2, 2.5, 3, 3.5, 4, 5, 6, 7, 8, 8, 8}},
+      {3.0, {0, 7}, 4.0, {7.0 / 3.0}},
+      {100.0, {-3.5}, 30.0, std::vector<double>(10, -3.5)}};
+  for (const auto &c : cases) {
+    std::vector<double> out(c.want.size(), kNaN);
+    EXPECT_TRUE(resamplelogampenv(c.df, c.env.data(), static_cast<uint32_t>(c.env.size()), c.dfout, out.data(),
+                                  static_cast<uint32_t>(out.size())) == 0 && out == c.want) << c.df;
+  }
+  // Empty grid or no output points: -1, nothing written. Zero, negative or non-finite spacings
+  // never walk past the last point (the sanitizer build checks).
+  const std::vector<double> env = cases[0].env;
+  std::vector<double> out(5, 7.0);
+  EXPECT_EQ(resamplelogampenv(100.0, env.data(), 0, 50.0, out.data(), 5) +
+                resamplelogampenv(100.0, env.data(), 4, 50.0, out.data(), 0), -2);
+  EXPECT_EQ(out, std::vector<double>(5, 7.0));
+  for (double df : {0.0, -100.0, kNaN})
+    for (double dfout : {50.0, kInf}) EXPECT_EQ(resamplelogampenv(df, env.data(), 2, dfout, out.data(), 5), 0);
 }
 
 }  // namespace

@@ -1,15 +1,16 @@
 // Noise spectrum and the other envelopes: the silence floor, the segment rule
 // at the signal edges checked against a direct DFT (which pins the level of
-// any signal), the symmetry and bin-copy rules, and harmonic series read at
-// their density.
+// any signal), the symmetry and bin-copy rules, harmonic series read at
+// their density, and random-phase noise frames from log-amplitude spectra.
 #include "spectralanalysis.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <numeric>
 #include <cstdint>
+#include <cstdlib>
+#include <numeric>
 #include <vector>
 
 #include "support/synthref.h"
@@ -18,7 +19,6 @@
 namespace {
 
 using namespace kestreltest;
-constexpr double kFs = 16000.0;
 constexpr uint32_t kN = 401, kNfft = 1024;
 const double kFloor = std::log(std::sqrt(kN * 1.0000000000000002e-10 / (kN * kFs)));  // log(sqrt(1e-10/fs))
 
@@ -108,6 +108,46 @@ TEST(VoicedEnvelopes, HarmonicsReadTheirDensityAndUnvoicedFramesTakeTheNoiseSpec
                     getseevoclogspectrum(x.data(), 8000, kFs, 4000, bad, 2048, see.data(), area.a), 0);
       EXPECT_TRUE(sig == ref && see == ref) << bad;
     }
+  }
+}
+
+// The value rand() returns after `skip` draws from seed.
+int drawafter(unsigned seed, int skip) {
+  std::srand(seed);
+  for (int i = 0; i < skip; ++i) std::rand();
+  return std::rand();
+}
+
+TEST(Gennoisefromlogspectrum, OneDrawPerBinASingleBinIsACosineAndRefusalsDrawNothing) {
+  // nfft/2 - 1 draws (none for nfft <= 2, which is silence); -inf bins are silent but draw.
+  // Bin k0 alone (the rest -inf): x[j] = 2 m cos(2 pi k0 j / N + psi), m = exp(L) sqrt(fs/N), psi
+  // from the k0-th draw; no bin at all (k0 = 0): zeros. Other levels: only the draws are checked.
+  const double L = -1.5;
+  const struct { uint32_t nfft, k0; double rest; } cases[] = {{2, 0, -2.0},   {4, 0, -2.0},   {256, 0, -2.0},
+                                                              {2, 0, -kInf},  {4, 0, -kInf},  {256, 0, -kInf},
+                                                              {64, 1, -kInf}, {64, 31, -kInf}};
+  for (const auto &c : cases) {
+    std::vector<double> buf(2 * c.nfft, c.rest);
+    if (c.k0) buf[c.k0] = L;
+    const double m = std::exp(L) * std::sqrt(kFs / c.nfft);
+    const double psi = drawafter(11, static_cast<int>(c.k0) - 1) * (2 * kPi / 2147483647.0);
+    std::srand(11);
+    ASSERT_EQ(gennoisefromlogspectrum(buf.data(), c.nfft, kFs), 0);
+    const int next = std::rand();
+    EXPECT_EQ(next, drawafter(11, c.nfft >= 4 ? static_cast<int>(c.nfft / 2 - 1) : 0)) << c.nfft;
+    for (uint32_t j = 0; j < c.nfft && (c.rest == -kInf || c.nfft == 2); ++j) {
+      const double want = c.k0 ? 2 * m * std::cos(2 * kPi * c.k0 * j / c.nfft + psi) : 0.0;
+      EXPECT_TRUE(c.k0 ? std::fabs(buf[j] - want) < 1e-12 && std::fabs(buf[c.nfft + j]) < 1e-12 : buf[j] == 0.0)
+          << c.nfft << " " << c.k0 << " " << j << ": " << buf[j] << ", " << buf[c.nfft + j];
+    }
+  }
+  // Not a power of two: refused before any draw or write.
+  for (uint32_t bad : {0u, 96u}) {
+    std::vector<double> buf(2 * 96 + 2, 1.25);
+    std::srand(9);
+    EXPECT_EQ(gennoisefromlogspectrum(buf.data(), bad, kFs), -1) << bad;
+    const int next = std::rand();
+    EXPECT_TRUE(next == drawafter(9, 0) && buf == std::vector<double>(2 * 96 + 2, 1.25)) << bad;
   }
 }
 

@@ -1,8 +1,10 @@
 // Pitch estimation: the candidate slots, peak interpolation at the lag limits,
 // the octave-cost two-step, the path search's costs and tie rules, island
 // removal with its carried-over ratios, the autocorrelation against a direct
-// sum, and whole tracks of harmonic signals, gaps, silence and degenerate
-// arguments from both trackers (getpitch and the dynamic-programming getpitchdp).
+// sum, whole tracks of harmonic signals, gaps, silence and degenerate
+// arguments from both trackers (getpitch and the dynamic-programming getpitchdp),
+// and track modification: sentinel handling, voiced-only statistics and the
+// early returns that leave a track bit for bit as it was.
 #include "pitchanalysis.h"
 #include "pitchtrack.h"
 
@@ -24,6 +26,7 @@ namespace {
 using namespace kestreltest;
 namespace pt = kestrel::pitchtrack;
 const pt::TrackerCosts kCosts = pt::trackercosts(16000, 80);  // t = 2
+const double kUnvoiced = -1e10;
 
 // A candidate record that owns its strength array.
 struct Frame {
@@ -233,43 +236,38 @@ using Tracker = int (*)(const double *, uint32_t, double, uint32_t, uint32_t, ui
 const struct { const char *name; Tracker run; double tol; } kTrackers[] = {{"getpitch", getpitch, 0.01},
                                                                            {"getpitchdp", getpitchdp, 0.005}};
 
-TEST(PitchTrack, FollowsHarmonicSignalsAcrossTheRange) {
-  // A glide, missing fundamentals (still 200 Hz, not 400), f0max below f0min (or 0) taken as
-  // 500; 550 Hz lies above the default range and is never reported.
-  const struct { double from, to; uint32_t kfirst; double f0min, f0max; } rows[] = {
-      {70, 70, 1, 60, 500},   {150, 150, 1, 0, 0},    {300, 300, 1, 100, 80},  {480, 480, 1, 60, 500},
-      {90, 360, 1, 60, 500},  {200, 200, 2, 60, 500}, {120, 120, 3, 60, 500},  {550, 550, 1, 0, 0}};
+TEST(PitchTrack, FollowsHarmonicSignalsAcrossTheRangeAndGapsOnTheFrameGrid) {
+  // Runs {samples, f0 at the start, f0 at the end (a glide)}; f0 0 is a gap, white noise when
+  // `noise` (the second run). Frames centred on first + k shift at least 30 ms from a run's edge
+  // find f0, 0 in gaps. Missing fundamentals (still 200 Hz, not 400); f0max below f0min (or 0)
+  // taken as 500; 550 Hz lies above the default range and is never reported.
+  struct Run { uint32_t n; double from, to; };
+  const std::vector<Run> gaps = {{6400, 130, 130}, {4800, 0, 0}, {6400, 180, 180}, {4800, 0, 0}, {6400, 230, 230}};
+  const struct { std::vector<Run> runs; uint32_t kfirst; double f0min, f0max; uint32_t first = 80; bool noise = false; }
+  rows[] = {{{{24000, 70, 70}}, 1, 60, 500},   {{{24000, 150, 150}}, 1, 0, 0},   {{{24000, 300, 300}}, 1, 100, 80},
+            {{{24000, 480, 480}}, 1, 60, 500}, {{{24000, 90, 360}}, 1, 60, 500},  {{{24000, 200, 200}}, 2, 60, 500},
+            {{{24000, 120, 120}}, 3, 60, 500}, {{{24000, 550, 550}}, 1, 0, 0},    {gaps, 1, 60, 500, 40, true},
+            {gaps, 1, 60, 500, 80, true},      {gaps, 1, 60, 500, 120, true}};
   for (const auto &t : kTrackers)
     for (const auto &r : rows) {
-      SCOPED_TRACE(testing::Message() << t.name << " " << r.from << "-" << r.to << " Hz from harmonic " << r.kfirst);
-      std::vector<double> f(24000), f0(298, -1.0);
-      for (size_t i = 0; i < f.size(); ++i) f[i] = r.from * std::pow(r.to / r.from, double(i) / f.size());
-      const std::vector<double> x = harmonics(f, r.kfirst);
-      ASSERT_EQ(t.run(x.data(), 24000, 16000, 80, 80, 298, r.f0min, r.f0max, f0.data()), 0);
-      for (uint32_t k = 4; k + 4 < 298; ++k) {
-        if (r.from > 500) ASSERT_LE(f0[k], 500.0) << k;
-        else ASSERT_NEAR(f0[k] / f[(k + 1) * 80], 1.0, t.tol) << "frame " << k << ": " << f0[k] << " Hz";
+      SCOPED_TRACE(testing::Message() << t.name << " " << r.runs[0].from << "-" << r.runs[0].to << " Hz from harmonic "
+                                      << r.kfirst << ", first " << r.first);
+      std::vector<double> f, f0(298, -1.0);
+      std::vector<size_t> edges = {0};
+      for (const Run &u : r.runs) {
+        for (uint32_t i = 0; i < u.n; ++i) f.push_back(u.from > 0 ? u.from * std::pow(u.to / u.from, double(i) / u.n) : 0);
+        edges.push_back(f.size());
       }
-    }
-}
-
-TEST(PitchTrack, NoiseAndSilenceGapsAreUnvoicedAndFramesSitOnTheGrid) {
-  // 0.4 s voiced, 0.3 s white noise, 0.4 s voiced, 0.3 s silence, 0.4 s voiced; frames at least
-  // 30 ms from a boundary, centred on first + k shift.
-  std::vector<double> f;
-  for (const double v : {130, 0, 180, 0, 230}) f.insert(f.end(), v ? 6400 : 4800, v);
-  std::vector<double> x = harmonics(f), f0(298);
-  std::mt19937 gen(3);
-  std::normal_distribution<double> noise(0.0, 0.05);
-  for (size_t i = 6400; i < 11200; ++i) x[i] = noise(gen);
-  for (const auto &t : kTrackers)
-    for (const uint32_t first : {40u, 80u, 120u}) {
-      ASSERT_EQ(t.run(x.data(), 24000, 16000, 80, first, 298, 60, 500, f0.data()), 0);
+      std::vector<double> x = harmonics(f, r.kfirst);
+      std::mt19937 gen(3);
+      std::normal_distribution<double> noise(0.0, 0.05);
+      for (size_t i = edges[1]; r.noise && i < edges[2]; ++i) x[i] = noise(gen);
+      ASSERT_EQ(t.run(x.data(), 24000, 16000, 80, r.first, 298, r.f0min, r.f0max, f0.data()), 0);
       for (uint32_t k = 0; k < 298; ++k) {
-        const size_t c = first + k * 80;
-        bool near = c < 480 || c + 480 > f.size();
-        for (const size_t b : {6400, 11200, 17600, 22400}) near = near || (c + 480 > b && c < b + 480);
-        EXPECT_TRUE(near || std::fabs(f0[k] - f[c]) <= t.tol * f[c]) << t.name << " " << first << " " << k;
+        const size_t c = r.first + k * 80;
+        if (std::any_of(edges.begin(), edges.end(), [&](size_t b) { return c + 480 > b && c < b + 480; })) continue;
+        if (f[c] > 500) ASSERT_LE(f0[k], 500.0) << k;
+        else ASSERT_NEAR(f0[k], f[c], t.tol * f[c]) << "frame " << k;
       }
     }
 }
@@ -318,6 +316,46 @@ TEST(PitchTrack, SilenceEdgesNaNDefaultsAndRefusals) {
                 getpitch(x.data(), 4000, 16000, 80, 0, 10, 16001, 0, out.data()) +
                 getpitchdp(x.data(), 4000, 16000, 80, 0, 10, 60, kInf, out.data()), -3);
   EXPECT_EQ(getpitch(x.data(), 4000, 16000, 80, 0, 10, 9600, 0, out.data()), 0);  // a 5-sample window
+}
+
+TEST(PitchModification, ConversionShiftAndRangeScalingMoveVoicedFramesOnly) {
+  // Hz to log: f0 <= 0 and NaN are unvoiced. Log to Hz: unvoiced frames give +0, and so does a
+  // voiced -9.9e9, whose exp underflows. Voiced means strictly above the sentinel: -9.9e9 and
+  // -9999999999 are, NaN is not (neither counted nor summed in the mean). The mean is taken
+  // before any frame changes; a NaN shift or factor is applied to voiced frames.
+  using Op = uint32_t (*)(uint32_t, double *, double);
+  const Op tolog = [](uint32_t n, double *t, double) { return f02logf0(n, t); };
+  const Op tohz = [](uint32_t n, double *t, double) { return logf02f0(n, t); };
+  const Op shift = shiftlogpitch, scale = scalelogpitchrange;
+  const struct { Op op; std::vector<double> in; double amount; std::vector<double> out; } cases[] = {
+      {tolog, {0.0, -5.0, kNaN, kInf}, 0.0, {kUnvoiced, kUnvoiced, kUnvoiced, kInf}},
+      {tohz, {kUnvoiced, kNaN, -9.9e9}, 0.0, {0.0, 0.0, 0.0}},
+      {shift, {4.0, kUnvoiced, -9.9e9, -2e10, kNaN, -kInf, -9999999999.0}, 0.5,
+       {4.5, kUnvoiced, -9.9e9 + 0.5, -2e10, kNaN, -kInf, -9999999998.5}},
+      {shift, {4.0, kUnvoiced, -9.9e9, kNaN}, kNaN, {kNaN, kUnvoiced, kNaN, kNaN}},
+      {scale, {4.0, kUnvoiced, 6.0, -3e10}, 2.0, {3.0, kUnvoiced, 7.0, -3e10}},
+      {scale, {4.0, kNaN, 6.0}, 2.0, {3.0, kNaN, 7.0}}, {scale, {1.0, 2.0, 3.0, 10.0}, 3.0, {-5.0, -2.0, 1.0, 22.0}},
+      {scale, {-9.9e9, 0.0, kUnvoiced}, 2.0, {-1.485e10, 4.95e9, kUnvoiced}},
+      {scale, {kUnvoiced, -2e10}, 2.0, {kUnvoiced, -2e10}},
+      {scale, {4.0, kUnvoiced, 6.0}, kNaN, {kNaN, kUnvoiced, kNaN}},
+      {scale, {-0.0, 0.0}, 2.0, {0.0, 0.0}}};  // (-0 - 0) * 2 + 0 = +0
+  for (const auto &c : cases) {
+    std::vector<double> t = c.in;
+    EXPECT_EQ(c.op(static_cast<uint32_t>(t.size()), t.data(), c.amount), 0u);
+    EXPECT_TRUE(samebits(t, c.out)) << "case " << &c - cases;
+  }
+  double v = 100.0;  // there and back, to rounding
+  EXPECT_TRUE(f02logf0(1, &v) == 0u && std::fabs(v - 4.605170185988092) <= 1e-15) << v;
+  EXPECT_TRUE(logf02f0(1, &v) == 0u && std::fabs(v - 100.0) <= 1e-12) << v;
+  // A zero shift (either sign) and a factor of exactly 1 return at once: a voiced -0.0 would
+  // become +0.0, NaN payloads would be at risk, 0.1 would come back as 0.10000000000000003.
+  const std::vector<double> before = {0.1, -std::nan("0x55"), -0.0, 0.7, kUnvoiced};
+  const std::pair<Op, double> noops[] = {{shift, 0.0}, {shift, -0.0}, {scale, 1.0}};
+  for (const auto &n : noops) {
+    std::vector<double> t = before;
+    n.first(5, t.data(), n.second);
+    EXPECT_TRUE(samebits(t, before)) << n.second;
+  }
 }
 
 }  // namespace

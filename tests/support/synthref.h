@@ -16,16 +16,16 @@
 namespace kestreltest {
 
 constexpr double kPi = 3.141592653589793;
+constexpr double kFs = 16000.0;  // the rate most routine tests run at
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 const double kInf = std::numeric_limits<double>::infinity();
 
 inline bool samebits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
-// Same bits in a[from, to); the first difference is reported.
-inline ::testing::AssertionResult samebits(const std::vector<double> &a, const std::vector<double> &b,
-                                           size_t from = 0, size_t to = SIZE_MAX) {
+// Same sizes and bits; the first difference is reported.
+inline ::testing::AssertionResult samebits(const std::vector<double> &a, const std::vector<double> &b) {
   if (a.size() != b.size()) return ::testing::AssertionFailure() << "sizes " << a.size() << " vs " << b.size();
-  for (size_t i = from; i < a.size() && i < to; ++i)
+  for (size_t i = 0; i < a.size(); ++i)
     if (!samebits(a[i], b[i])) return ::testing::AssertionFailure() << "index " << i << ": " << a[i] << " vs " << b[i];
   return ::testing::AssertionSuccess();
 }

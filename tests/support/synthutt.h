@@ -49,7 +49,6 @@ struct SynthUtterance {
   uint32_t nframes = 0;
   std::vector<double> logf0, f0, fv, cc;
   double *frame(uint32_t i) { return cc.data() + static_cast<size_t>(i) * (order + 1); }
-  const double *frame(uint32_t i) const { return cc.data() + static_cast<size_t>(i) * (order + 1); }
   double seconds() const { return static_cast<double>(nframes) * shift / fs; }
 };
 
