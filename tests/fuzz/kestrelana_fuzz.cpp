@@ -19,7 +19,7 @@ constexpr sf_count_t kMaxInputValues = 200000;  // frames x channels read
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   using kestrelfuzz::scratchfile;
   kestrelfuzz::Bytes in{data, size};
-  const auto method = in.take<uint8_t>() % 5;
+  const auto choice = in.take<uint8_t>();  // method, then analysis-by-synthesis passes
   const auto flags = in.take<uint8_t>();
   const std::string wav = scratchfile("in.wav");
   kestrelfuzz::writefile(wav, in.p, in.n);
@@ -33,7 +33,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   }
   std::vector<std::string> args = {"kestrelana", wav, scratchfile("o.lf0"), scratchfile("o.cc")};
   if (flags & 1) args.push_back(scratchfile("o.fv"));
-  args.push_back("--method=" + std::to_string(method));
+  args.push_back("--method=" + std::to_string(choice % 5));
+  args.push_back("--match=" + std::to_string(choice / 5 % 3));
   args.push_back("--lframe=" + std::to_string(40 + (flags >> 2) % 64));
   if (flags & 2) args.push_back("--refine=1");
   kestrelfuzz::runmain(kestrelana_main, args);
