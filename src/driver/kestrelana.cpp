@@ -25,6 +25,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -607,11 +608,21 @@ double processutterance(const FileNames &names, const Settings &s, Log &log) {
 // ---------------------------------------------------------------------------
 // Batch.
 
+// A long recording at a small shift and a high order can need more memory
+// than there is: the recording is then skipped with a message, as in list mode.
+void analyseguarded(const FileNames &names, const Settings &s, Log &log) {
+  try {
+    processutterance(names, s, log);
+  } catch (const std::bad_alloc &) {
+    log.error("out of memory for %s.", names.wav);
+  }
+}
+
 void runindexed(char *const slots[4], const Settings &s) {
   const FileNames names{slots[0], slots[1], slots[2], slots[3]};
   Log log;
   if (!s.indlist) {
-    processutterance(names, s, log);
+    analyseguarded(names, s, log);
     log.flush();
     return;
   }
@@ -621,7 +632,7 @@ void runindexed(char *const slots[4], const Settings &s) {
     if (misfit)
       log.error("index %u does not fit the file-name placeholder of %s.", static_cast<unsigned>(i), misfit);
     else
-      processutterance(names, s, log);
+      analyseguarded(names, s, log);
     log.flush();
   });
 }
