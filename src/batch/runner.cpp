@@ -218,17 +218,17 @@ bool writefailed(const std::string &path, const std::vector<std::string> &ids) {
   return false;
 }
 
-void runone(const Job &job, const Utterance &u, Outcome *out) {
+}  // namespace
+
+void runguarded(Log &log, const char *name, const std::function<void()> &work) {
   try {
-    job(u, out);
+    work();
   } catch (const std::bad_alloc &) {
-    out->log.error("out of memory for %s.", u.id.c_str());
+    log.error("out of memory for %s.", name);
   } catch (const std::exception &e) {
-    out->log.error("%s: %s.", u.id.c_str(), e.what());
+    log.error("%s: %s.", name, e.what());
   }
 }
-
-}  // namespace
 
 int runutterances(const std::vector<Utterance> &utts, const BatchOptions &b, const Job &job) {
   const size_t total = utts.size();
@@ -243,7 +243,7 @@ int runutterances(const std::vector<Utterance> &utts, const BatchOptions &b, con
   auto work = [&] {
     for (size_t i = next++; i < total; i = next++) {
       Outcome o;
-      runone(job, utts[i], &o);
+      runguarded(o.log, utts[i].id.c_str(), [&] { job(utts[i], &o); });
       std::lock_guard<std::mutex> lock(mutex);
       outcomes[i] = std::move(o);
       ready[i] = 1;

@@ -40,6 +40,10 @@ struct Outcome {
 
 using Job = std::function<void(const Utterance &, Outcome *)>;
 
+// Runs one utterance's work; an allocation that fails (or any other exception)
+// ends that utterance with an "Error: " line naming it, not the process.
+void runguarded(Log &log, const char *name, const std::function<void()> &work);
+
 // List mode options common to both commands.
 struct BatchOptions {
   const char *list = nullptr;

@@ -25,7 +25,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -611,11 +610,7 @@ double processutterance(const FileNames &names, const Settings &s, Log &log) {
 // A long recording at a small shift and a high order can need more memory
 // than there is: the recording is then skipped with a message, as in list mode.
 void analyseguarded(const FileNames &names, const Settings &s, Log &log) {
-  try {
-    processutterance(names, s, log);
-  } catch (const std::bad_alloc &) {
-    log.error("out of memory for %s.", names.wav);
-  }
+  kestrel_batch::runguarded(log, names.wav, [&] { processutterance(names, s, log); });
 }
 
 void runindexed(char *const slots[4], const Settings &s) {
