@@ -12,6 +12,8 @@ with the measurement kit's quality.py (../shared/bench). Trials:
   magx       the recording's magnitudes with the resynthesis's phases, every frame
   magy       the resynthesis's magnitudes with the recording's phases, every frame
   uvmagx     the recording's magnitudes with the resynthesis's phases, unvoiced frames only
+  venv, uvenv voiced / unvoiced frames scaled towards the recording's envelope (power
+             smoothed over +-150 Hz); uvenv300 only above 300 Hz, uvenvdown only where it lowers
   f0+P, f0-P every voiced log f0 moved by P per cent (e.g. f0+0.2), then kestrelsyn again
 Recordings: $SPEECH_DIR, else ../shared/speech."""
 import os
@@ -49,6 +51,13 @@ def istft(S, length):
     return (out / np.maximum(norm, 1e-9))[N:N + length]
 
 
+def envelope(S):
+    k = np.arange(-20, 21)
+    kernel = np.exp(-0.5 * (k * 16000.0 / N / 150.0) ** 2)
+    P = np.pad(np.abs(S) ** 2, ((0, 0), (20, 20)), mode='reflect')
+    return np.array([np.convolve(r, kernel / kernel.sum(), mode='valid') for r in P]) + 1e-12
+
+
 def hybrid(trial, x, y, lf0, fv):
     X, Y = stft(x), stft(y)
     centre = np.arange(len(X)) * H - N // 2  # STFT frame k against feature frame i (centre 80 (i + 1))
@@ -59,6 +68,13 @@ def hybrid(trial, x, y, lf0, fv):
         return istft(np.abs(X) * np.exp(1j * np.angle(Y)), len(x))
     if trial == 'uvmagx':
         Y[~voiced] = np.abs(X[~voiced]) * np.exp(1j * np.angle(Y[~voiced]))
+        return istft(Y, len(x))
+    if 'env' in trial:
+        gain = np.sqrt(envelope(X) / envelope(Y))
+        gain[:, freq[0] < (300 if trial == 'uvenv300' else 0)] = 1.0
+        gain = np.minimum(gain, 1.0) if trial == 'uvenvdown' else gain
+        frames = voiced if trial == 'venv' else ~voiced
+        Y[frames] *= gain[frames]
         return istft(Y, len(x))
     if trial == 'magy':
         return istft(np.abs(Y) * np.exp(1j * np.angle(X)), len(x))
