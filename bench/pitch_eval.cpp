@@ -9,7 +9,7 @@
 //    the amplitude of the harmonic at fv); unvoiced frames hold low full-band
 //    noise. f0, fv and voicing are interpolated between frame centres.
 //  - synth: this project's own synthesis (cc2waveform) of a realistic feature
-//    track (tests/support/synthutt.h: formant envelopes, fv 2-7 kHz, unvoiced
+//    track (bench/support/synthutt.h: formant envelopes, fv 2-7 kHz, unvoiced
 //    gaps), with its f0 as built (gliding 80-300 Hz), replaced by a steady
 //    120 Hz, or by one glide 80 -> 400 Hz over the utterance.
 // Figures, for getpitch and getpitchdp: GPE = frames voiced in both truth and

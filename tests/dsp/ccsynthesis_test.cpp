@@ -16,13 +16,11 @@
 #include "harmonicanalysis.h"
 #include "matvect.h"
 #include "support/synthref.h"
-#include "support/synthutt.h"
 #include "windowing.h"
 
 namespace {
 
 using namespace kestreltest;
-constexpr double kLn10 = 2.302585092994046;
 constexpr double kNoiseGain = 0.19332249068594076;
 
 // ---------------------------------------------------------------------------
@@ -58,7 +56,7 @@ uint32_t refnharm(double fs, double fmax, double f0) {
   return static_cast<uint32_t>(std::ceil((fmax <= 0.5 * fs ? fmax : 0.5 * fs) / f0)) - 1;
 }
 
-std::vector<double> refsynth(const SynthUtterance &u, bool withfv) {
+std::vector<double> refsynth(const SynthFeatures &u, bool withfv) {
   std::vector<double> cc = u.cc, out(getwaveformlength(u.shift, u.nframes), 0.0);
   const uint32_t p1 = u.order + 1, shift = u.shift;
   const double fs = u.fs;
@@ -135,7 +133,7 @@ std::vector<double> refsynth(const SynthUtterance &u, bool withfv) {
 }
 
 // cc2waveform on a copy of the utterance's cepstra (returned in *ccout).
-std::vector<double> synth(const SynthUtterance &u, bool withfv, std::vector<double> *ccout = nullptr,
+std::vector<double> synth(const SynthFeatures &u, bool withfv, std::vector<double> *ccout = nullptr,
                           int *rc = nullptr, uint32_t threads = 1) {
   std::vector<double> cc = u.cc, out(getwaveformlength(u.shift, u.nframes), kNaN);
   const int r = cc2waveformthreads(out.data(), static_cast<uint32_t>(out.size()), u.fs, u.shift, u.nframes,
@@ -146,18 +144,13 @@ std::vector<double> synth(const SynthUtterance &u, bool withfv, std::vector<doub
 }
 
 // Every frame the same f0 and fv, flat envelope at log level c0.
-SynthUtterance steady(uint32_t nframes, double f0, double fv, double c0, uint32_t order = 8) {
-  SynthUtterance u;
+SynthFeatures steady(uint32_t nframes, double f0, double fv, double c0, uint32_t order = 8) {
+  SynthFeatures u;
   u.order = order, u.nframes = nframes;
   u.f0.assign(nframes, f0), u.fv.assign(nframes, fv);
   u.cc.assign(static_cast<size_t>(nframes) * (order + 1), 0.0);
   for (size_t i = 0; i < u.cc.size(); i += order + 1) u.cc[i] = c0;
   return u;
-}
-
-// 16 kHz, alpha 0.42.
-SynthUtterance utterance(double seconds, uint64_t seed, uint32_t order = 39, uint32_t shift = 80) {
-  return makesynthutterance({seconds, order, 0.42, 16000.0, shift, seed});
 }
 
 // ---------------------------------------------------------------------------
@@ -190,13 +183,13 @@ TEST(Cc2waveform, MatchesPlainEvaluationBitForBitAndRestoresC0BySubtraction) {
   // checks applyexcphase too. Also other FFT sizes, lower orders, zero-amplitude harmonics
   // (-inf logs), unvoiced stretches, whatever state the C library's generator is in, and frames
   // past the built-in noise phases (y: 2047 draws a frame, the table ends inside frame 128).
-  // Levels just below a power of two (about 0.9) often come back one rounding off,
+  // Levels just below a power of two (about 1.9 in loud) often come back one rounding off,
   // c0 = (c0 + g) - g, and the fv estimate sees that value.
-  const SynthUtterance u = utterance(1.2, 7), v = utterance(0.5, 3, 24, 23), w = utterance(0.5, 3, 0, 104),
-                       y = utterance(10.5, 5, 4, 1200);
-  SynthUtterance loud = u;
+  const SynthFeatures u = randomfeatures(1.2, 7), v = randomfeatures(0.5, 3, 24, 23),
+                      w = randomfeatures(0.5, 3, 0, 104), y = randomfeatures(10.5, 5, 4, 1200);
+  SynthFeatures loud = u;
   for (uint32_t i = 0; i < loud.nframes; ++i) loud.frame(i)[0] += 10.9;
-  for (const SynthUtterance *x : {&u, &v, &w, &y, static_cast<const SynthUtterance *>(&loud)})
+  for (const SynthFeatures *x : {&u, &v, &w, &y, static_cast<const SynthFeatures *>(&loud)})
     for (bool withfv : {true, false}) {
       std::vector<double> cc, expected = x->cc;
       std::srand(12345);
@@ -217,11 +210,11 @@ TEST(Cc2waveform, VoicingThresholds) {
       {1000.0, 800.0, false}, {950.0, 800.0, true}, {2000.0, 2000.0, false}, {1400.0, 1500.0, true},
   };
   for (const auto &c : cases) {
-    const SynthUtterance v = steady(12, c.f0, c.fv, -5.0), z = steady(12, 0.0, c.fv, -5.0);
+    const SynthFeatures v = steady(12, c.f0, c.fv, -5.0), z = steady(12, 0.0, c.fv, -5.0);
     EXPECT_EQ(!samebits(synth(v, true), synth(z, true)), c.voiced) << c.f0 << " " << c.fv;
   }
   // A frame unvoiced by the range check also restarts the phase of the next voiced frame.
-  SynthUtterance a = steady(12, 200.0, 4000.0, -5.0), b = a;
+  SynthFeatures a = steady(12, 200.0, 4000.0, -5.0), b = a;
   a.f0[5] = 2000.0, b.f0[5] = 0.0;
   EXPECT_TRUE(samebits(synth(a, true), synth(b, true)));
 }
@@ -231,14 +224,14 @@ TEST(Cc2waveform, FvFromC0) {
   // f0 > 0 (-4, at 5 Hz too low to sound), so fv = (c0 + 7) * 1500, floored at 1000.
   const double c0[] = {-7.0, -6.0, -5.0, -4.0, -5.5, -3.0, -6.0}, f0[] = {0.0, 200.0, 210.0, 5.0, 220.0, 0.0, 230.0};
   const double fv[] = {0.0, 1500.0, 3000.0, 0.0, 2250.0, 0.0, 1500.0};
-  SynthUtterance u = steady(7, 0.0, 0.0, 0.0, 6);
+  SynthFeatures u = steady(7, 0.0, 0.0, 0.0, 6);
   u.f0.assign(f0, f0 + 7), u.fv.assign(fv, fv + 7);
   for (uint32_t i = 0; i < 7; ++i) std::copy_n(std::vector<double>{c0[i], 0.3, -0.1}.begin(), 3, u.frame(i));
   EXPECT_TRUE(samebits(synth(u, false), synth(u, true)));
   std::fill(u.fv.begin(), u.fv.end(), 4500.0);
   EXPECT_FALSE(samebits(synth(u, false), synth(u, true)));  // and fv matters here
   // All voiced frames at the lowest c0 (a louder unvoiced one does not count): 4500 Hz throughout.
-  SynthUtterance l = steady(20, 200.0, 4500.0, -5.0);
+  SynthFeatures l = steady(20, 200.0, 4500.0, -5.0);
   l.f0[3] = 0.0, l.frame(3)[0] = -2.0;
   EXPECT_TRUE(samebits(synth(l, false), synth(l, true)));
 }
@@ -248,7 +241,7 @@ TEST(Cc2waveform, ShortOutputsStreamsAndEveryThreadCountGiveTheWholeUtteranceBit
   // past the first ring of frames, or beyond the utterance (zeros), on any number of threads;
   // streams pushed 1, 7 and 600 frames (more than the ring) at a time, pulled 1, 333 and everything at
   // once, as the samples become final and after the end.
-  SynthUtterance u = utterance(3.0, 4);
+  SynthFeatures u = randomfeatures(3.0, 4);
   for (uint32_t i = 0; i < u.nframes; ++i) u.frame(i)[0] += 10.9;  // c0 whose round trip shows
   const uint32_t L = getwaveformlength(u.shift, u.nframes);
   for (bool withfv : {true, false}) {
@@ -294,7 +287,7 @@ TEST(CcStream, AChildForkedWithAStreamOpenGoesOnAloneToTheSameBits) {
   // The child has none of the parent's workers: it synthesises on its own thread and closes
   // the stream without touching their lock or conditions (alarm: a hang fails the test
   // instead of stalling it).
-  const SynthUtterance u = utterance(1.0, 4);
+  const SynthFeatures u = randomfeatures(1.0, 4);
   const uint32_t L = getwaveformlength(u.shift, u.nframes), half = u.nframes / 2;
   const std::vector<double> full = synth(u, true);
   std::vector<double> cc = u.cc, out(L);
@@ -321,7 +314,7 @@ TEST(CcStream, AChildForkedWithAStreamOpenGoesOnAloneToTheSameBits) {
 }
 
 TEST(Cc2waveform, DegenerateInputsAreSafe) {
-  const SynthUtterance u = steady(10, 150.0, 4000.0, -5.0);
+  const SynthFeatures u = steady(10, 150.0, 4000.0, -5.0);
   std::vector<double> cc = u.cc, out(900, kNaN);
   const double *f0 = u.f0.data(), *fv = u.fv.data();
   // No frames or no frame span: zeros. One-sample shift: a two-point FFT without bins.
@@ -343,7 +336,7 @@ TEST(Cc2waveform, DegenerateInputsAreSafe) {
   // A huge finite negative c0 silences noise and harmonics exactly. NaN and infinite f0 are
   // unvoiced frames; non-finite fs or alpha: no crash, a sane status. (Any fv, cepstra and alpha
   // are the synthesis fuzzer's.)
-  SynthUtterance quiet = u, w = u, z = u;
+  SynthFeatures quiet = u, w = u, z = u;
   for (uint32_t i = 0; i < u.nframes; ++i) quiet.frame(i)[0] = -1e300;
   EXPECT_TRUE(samebits(synth(quiet, false), zeros));
   w.f0[2] = w.fv[5] = kNaN, w.f0[3] = w.fv[6] = kInf, w.f0[4] = w.fv[7] = -kInf;

@@ -14,7 +14,6 @@
 #include "fvanalysis.h"
 #include "pitchanalysis.h"
 #include "support/synthref.h"
-#include "support/synthutt.h"
 #include "wavm1616io.h"
 
 namespace {
@@ -37,10 +36,9 @@ void expectthreadedequalssequential(Job job) {
 
 TEST(Reentrancy, SynthesisOnManyThreadsGivesTheSequentialBits) {
   // Two threads share each utterance: same noise sequence, same bits.
-  const SynthUtterance utts[2] = {makesynthutterance({1.0, 39, 0.42, 16000.0, 80, 1}),
-                                  makesynthutterance({1.0, 39, 0.42, 16000.0, 80, 2})};
+  const SynthFeatures utts[2] = {randomfeatures(1.0, 1), randomfeatures(1.0, 2)};
   expectthreadedequalssequential([&](int t, uint32_t threads) {
-    const SynthUtterance &u = utts[t % 2];
+    const SynthFeatures &u = utts[t % 2];
     std::vector<double> out(getwaveformlength(u.shift, u.nframes)), cc = u.cc;
     cc2waveformthreads(out.data(), static_cast<uint32_t>(out.size()), u.fs, u.shift, u.nframes, u.f0.data(),
                        u.fv.data(), u.order, cc.data(), u.alpha, threads);

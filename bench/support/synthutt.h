@@ -1,5 +1,5 @@
-// Test and benchmark support: a realistic utterance's synthesis features built
-// in memory, without the analysis library.
+// Benchmark support: a realistic utterance's synthesis features built in
+// memory, without the analysis library, with its true f0 track.
 //
 // The utterance alternates unvoiced gaps and voiced stretches. In a voiced
 // stretch f0 glides between two values in 80..300 Hz (with a slight vibrato),
@@ -15,8 +15,8 @@
 // ck = mean(logA * cos(k w~)), matching log|H| = c0 + 2 sum ck cos(k w~).
 //
 // Everything is deterministic (own generator; rand() is left alone).
-#ifndef KESTREL_TESTS_SUPPORT_SYNTHUTT_H
-#define KESTREL_TESTS_SUPPORT_SYNTHUTT_H
+#ifndef KESTREL_BENCH_SUPPORT_SYNTHUTT_H
+#define KESTREL_BENCH_SUPPORT_SYNTHUTT_H
 
 #include <algorithm>
 #include <cmath>
