@@ -152,6 +152,8 @@ BAD = [
     (lambda: kestrel.synthesise((LF0, CC[:9])), ValueError, "lf0 and cc have incompatible dimensions"),
     (lambda: kestrel.synthesise((LF0, CC, np.zeros(9))), ValueError, "lf0 and fv have incompatible dimensions"),
     (lambda: kestrel.synthesise((LF0[:0], CC[:0])), ValueError, "lf0 holds no frames."),
+    (lambda: kestrel.synthesise((np.append(LF0[1:], np.nan), CC)), ValueError,
+     "lf0 holds values that are not finite numbers."),
     (lambda: kestrel.synthesise((LF0, CC), fdur=0.01, shift=1), ValueError,
      "frame shift of 0 samples out of range (1 to 1048576)."),
     (lambda: kestrel.synthesise(LF0), TypeError, "features must be a Features or a tuple"),
