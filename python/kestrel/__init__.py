@@ -84,6 +84,8 @@ def _audio(x, name: str, allow2d: bool = True) -> np.ndarray:
     elif a.ndim != 2 or not allow2d:
         want = "1-D or (samples, channels)" if allow2d else "1-D"
         raise ValueError(f"{name} must be {want}, not {a.ndim}-D.")
+    if a.size == 0:
+        raise ValueError(f"{name} holds no samples.")
     if a.shape[1] > a.shape[0]:
         raise ValueError(f"{name} has more channels ({a.shape[1]}) than samples ({a.shape[0]}): "
                          "give it as (samples, channels).")

@@ -145,6 +145,7 @@ BAD = [
     (lambda: kestrel.analyse(NOISE[:50], 16000), ValueError, "x is too short (50 samples at 16 kHz; one frame needs 81)."),
     (lambda: kestrel.analyse(np.zeros(4000), 16000), ValueError, "x is silent (no sample reaches one 16-bit step)."),
     (lambda: kestrel.analyse(NOISE.reshape(2, -1), 16000), ValueError, "more channels (2000) than samples"),
+    (lambda: kestrel.analyse(NOISE[:0], 16000), ValueError, "x holds no samples."),
     (lambda: kestrel.analyse(NOISE, 0), ValueError, "fs=0 is not a usable sampling rate."),
     (lambda: kestrel.analyse(NOISE, 16000, shift=-1), ValueError, "shift=-1 is out of range [1...8000]."),
     (lambda: kestrel.analyse(NOISE, 16000, alpha=float("nan")), ValueError, "alpha=nan is out of range"),
