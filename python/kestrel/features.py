@@ -136,15 +136,24 @@ def read_wav(path: str) -> Tuple[np.ndarray, int]:
     For other formats (float WAV, FLAC, ...) read the samples with another library, or use
     the kestrelana command.
     """
+    # Regular files only, as the commands read them: a directory or a FIFO is no recording.
+    if not os.path.isfile(path):
+        raise FileNotFoundError(f"could not open {path}.")
     try:
         w = wave.open(path, "rb")
-    except FileNotFoundError:
+    except OSError:
         raise FileNotFoundError(f"could not open {path}.") from None
     except (wave.Error, EOFError) as e:
-        raise ValueError(f"{path} is not a PCM WAV file that can be read ({e}).") from None
+        reason = str(e) or "it ends within its header"
+        raise ValueError(f"{path} is not a PCM WAV file that can be read ({reason}).") from None
     with w:
         nch, width, fs, n = w.getnchannels(), w.getsampwidth(), w.getframerate(), w.getnframes()
         raw = w.readframes(n)
+    # A cut-off file gives the whole frames it holds, as kestrelana analyses them.
+    if len(raw) < n * nch * width:
+        warnings.warn(f"{path} is cut short (its header announces {n * nch * width - len(raw)} more bytes of samples "
+                      "than it holds).", RuntimeWarning, stacklevel=2)
+        raw = raw[: len(raw) - len(raw) % (nch * width)]
     if width == 1:
         x = (np.frombuffer(raw, dtype=np.uint8).astype(np.float64) - 128.0) / 128.0
     elif width == 2:

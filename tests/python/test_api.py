@@ -160,6 +160,7 @@ BAD = [
     (lambda: kestrel.synthesise(LF0), TypeError, "features must be a Features or a tuple"),
     (lambda: kestrel.synthesise((LF0, CC), fpitch="2"), TypeError, "fpitch must be a real number"),
     (lambda: kestrel.Features.load("/nonexistent/a"), FileNotFoundError, "could not open /nonexistent/a.lf0."),
+    (lambda: kestrel.read_wav("/"), FileNotFoundError, "could not open /."),  # a directory
 ]
 
 
