@@ -13,9 +13,21 @@ import numpy as np
 from . import _kestrel
 
 def _replace(path: str, write) -> None:
-    """Writes through a temporary beside path, renamed into place when complete."""
-    d = os.path.dirname(os.path.abspath(path))
-    fd, tmp = tempfile.mkstemp(dir=d, prefix=os.path.basename(path) + ".tmp")
+    """Writes through a temporary beside path, renamed into place when complete. An existing
+    device or pipe (such as /dev/null) cannot be replaced by a rename and is written directly."""
+    if os.path.isdir(path):
+        raise IsADirectoryError(f"could not create {path} (it is a directory).")
+    try:
+        if os.path.exists(path) and not os.path.isfile(path):
+            fd = os.open(path, os.O_WRONLY | os.O_NONBLOCK)  # a pipe without a reader is refused, not waited for
+            os.set_blocking(fd, True)
+            with os.fdopen(fd, "wb") as f:
+                write(f)
+            return
+        d = os.path.dirname(os.path.abspath(path))
+        fd, tmp = tempfile.mkstemp(dir=d, prefix=os.path.basename(path) + ".tmp")
+    except OSError as e:
+        raise type(e)(f"could not create {path}.") from None
     try:
         with os.fdopen(fd, "wb") as f:
             write(f)

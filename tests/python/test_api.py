@@ -161,6 +161,7 @@ BAD = [
     (lambda: kestrel.synthesise((LF0, CC), fpitch="2"), TypeError, "fpitch must be a real number"),
     (lambda: kestrel.Features.load("/nonexistent/a"), FileNotFoundError, "could not open /nonexistent/a.lf0."),
     (lambda: kestrel.read_wav("/"), FileNotFoundError, "could not open /."),  # a directory
+    (lambda: kestrel.write_wav("/", np.zeros(1, np.int16)), IsADirectoryError, "could not create / (it is a directory)."),
 ]
 
 
