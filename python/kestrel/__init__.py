@@ -84,6 +84,8 @@ def _audio(x, name: str, allow2d: bool = True) -> np.ndarray:
     elif a.ndim != 2 or not allow2d:
         want = "1-D or (samples, channels)" if allow2d else "1-D"
         raise ValueError(f"{name} must be {want}, not {a.ndim}-D.")
+    if a.size == 0:
+        raise ValueError(f"{name} holds no samples.")
     if a.shape[1] > a.shape[0]:
         raise ValueError(f"{name} has more channels ({a.shape[1]}) than samples ({a.shape[0]}): "
                          "give it as (samples, channels).")
@@ -212,10 +214,19 @@ def synthesise(features: Union[Features, Tuple], *, fpitch: float = 1.0, fvpitch
     if lf0.size == 0:
         raise ValueError("lf0 holds no frames.")
     cc = _cepstra(cc, lf0.size)
+    # As kestrelsyn reads its files: -inf log f0 is an unvoiced frame, any other
+    # non-finite feature ends the call, and an fv track with one is not used.
+    if np.isnan(lf0).any() or np.isposinf(lf0).any():
+        raise ValueError("lf0 holds values that are not finite numbers.")
+    if not np.isfinite(cc).all():
+        raise ValueError("cc holds values that are not finite numbers.")
     if fv is not None:
         fv = _track(fv, "fv")
         if fv.size != lf0.size:
             raise ValueError(f"lf0 and fv have incompatible dimensions ({lf0.size} and {fv.size} frames).")
+        if not np.isfinite(fv).all():
+            warnings.warn("fv holds values that are not finite numbers.", RuntimeWarning, stacklevel=2)
+            fv = None
     factors = [_real(n, v) for n, v in (("fpitch", fpitch), ("fvpitch", fvpitch), ("fdur", fdur),
                                         ("fwarp", fwarp), ("floud", floud), ("fpfilt", fpfilt), ("fdrc", fdrc))]
     asint = dt.kind == "i"

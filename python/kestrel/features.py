@@ -13,9 +13,21 @@ import numpy as np
 from . import _kestrel
 
 def _replace(path: str, write) -> None:
-    """Writes through a temporary beside path, renamed into place when complete."""
-    d = os.path.dirname(os.path.abspath(path))
-    fd, tmp = tempfile.mkstemp(dir=d, prefix=os.path.basename(path) + ".tmp")
+    """Writes through a temporary beside path, renamed into place when complete. An existing
+    device or pipe (such as /dev/null) cannot be replaced by a rename and is written directly."""
+    if os.path.isdir(path):
+        raise IsADirectoryError(f"could not create {path} (it is a directory).")
+    try:
+        if os.path.exists(path) and not os.path.isfile(path):
+            fd = os.open(path, os.O_WRONLY | os.O_NONBLOCK)  # a pipe without a reader is refused, not waited for
+            os.set_blocking(fd, True)
+            with os.fdopen(fd, "wb") as f:
+                write(f)
+            return
+        d = os.path.dirname(os.path.abspath(path))
+        fd, tmp = tempfile.mkstemp(dir=d, prefix=os.path.basename(path) + ".tmp")
+    except OSError as e:
+        raise type(e)(f"could not create {path}.") from None
     try:
         with os.fdopen(fd, "wb") as f:
             write(f)
@@ -136,15 +148,24 @@ def read_wav(path: str) -> Tuple[np.ndarray, int]:
     For other formats (float WAV, FLAC, ...) read the samples with another library, or use
     the kestrelana command.
     """
+    # Regular files only, as the commands read them: a directory or a FIFO is no recording.
+    if not os.path.isfile(path):
+        raise FileNotFoundError(f"could not open {path}.")
     try:
         w = wave.open(path, "rb")
-    except FileNotFoundError:
+    except OSError:
         raise FileNotFoundError(f"could not open {path}.") from None
     except (wave.Error, EOFError) as e:
-        raise ValueError(f"{path} is not a PCM WAV file that can be read ({e}).") from None
+        reason = str(e) or "it ends within its header"
+        raise ValueError(f"{path} is not a PCM WAV file that can be read ({reason}).") from None
     with w:
         nch, width, fs, n = w.getnchannels(), w.getsampwidth(), w.getframerate(), w.getnframes()
         raw = w.readframes(n)
+    # A cut-off file gives the whole frames it holds, as kestrelana analyses them.
+    if len(raw) < n * nch * width:
+        warnings.warn(f"{path} is cut short (its header announces {n * nch * width - len(raw)} more bytes of samples "
+                      "than it holds).", RuntimeWarning, stacklevel=2)
+        raw = raw[: len(raw) - len(raw) % (nch * width)]
     if width == 1:
         x = (np.frombuffer(raw, dtype=np.uint8).astype(np.float64) - 128.0) / 128.0
     elif width == 2:

@@ -21,6 +21,13 @@ const char *unsafeidreason(const std::string &id) {
   return nullptr;
 }
 
+// The id as a message can carry it: a NUL byte would end the message there.
+std::string printableid(const std::string &id) {
+  std::string s;
+  for (char c : id) s += c ? std::string(1, c) : std::string("\\0");
+  return s;
+}
+
 std::string where(const std::string &listname, uint64_t line) {
   return (listname == "-" ? std::string("standard input") : listname) + " line " + std::to_string(line);
 }
@@ -58,7 +65,7 @@ bool readuttlist(const std::string &listname, bool needpath, std::vector<Utteran
     while (d > c && isblank(text[d - 1])) --d;
     u.path = text.substr(c, d - c);
     if (const char *why = unsafeidreason(u.id)) {
-      *error = "Error: " + where(listname, lineno) + ": utterance id '" + u.id + "' " + why + ".";
+      *error = "Error: " + where(listname, lineno) + ": utterance id '" + printableid(u.id) + "' " + why + ".";
       return false;
     }
     if (needpath && u.path.empty()) {

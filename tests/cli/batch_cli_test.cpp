@@ -91,11 +91,12 @@ TEST_F(BatchTest, SkipExistingRedoesOnlyIncompleteUtterances) {
 
 TEST_F(BatchTest, ListAndOptionErrorsStopTheRunBeforeAnything) {
   const std::string L = "--list=@/l.scp --outdir=@/o", U = "Error: incorrect input arguments.\nType 'kestrelana' for help.\n";
-  const struct { const char *list; std::string args, out; } cases[] = {
+  const struct { std::string list, args, out; } cases[] = {
       {"a x.wav\nb\n", L, "Error: @/l.scp line 2: expected 'uttid path', found only 'b'.\n"},
       {"a x.wav\n\na y.wav\n", L, "Error: @/l.scp line 3: utterance id 'a' already given on line 1.\n"},
       {"../up x.wav\n", L, "Error: @/l.scp line 1: utterance id '../up' contains '/'.\n"},
       {"..\tx.wav\n", L, "Error: @/l.scp line 1: utterance id '..' is not a file name.\n"},
+      {std::string("a\0b x.wav\n", 10), L, "Error: @/l.scp line 1: utterance id 'a\\0b' contains a NUL byte.\n"},
       {".\tx.wav\n", L, "Error: @/l.scp line 1: utterance id '.' is not a file name.\n"},
       {"a sox x.wav -t wav - |\n", L, "Error: @/l.scp line 1: commands ending in '|' are not supported; give a file.\n"},
       {"", "--list=@/none.scp --outdir=@/o", "Error: could not open @/none.scp.\n"},

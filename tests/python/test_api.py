@@ -145,6 +145,7 @@ BAD = [
     (lambda: kestrel.analyse(NOISE[:50], 16000), ValueError, "x is too short (50 samples at 16 kHz; one frame needs 81)."),
     (lambda: kestrel.analyse(np.zeros(4000), 16000), ValueError, "x is silent (no sample reaches one 16-bit step)."),
     (lambda: kestrel.analyse(NOISE.reshape(2, -1), 16000), ValueError, "more channels (2000) than samples"),
+    (lambda: kestrel.analyse(NOISE[:0], 16000), ValueError, "x holds no samples."),
     (lambda: kestrel.analyse(NOISE, 0), ValueError, "fs=0 is not a usable sampling rate."),
     (lambda: kestrel.analyse(NOISE, 16000, shift=-1), ValueError, "shift=-1 is out of range [1...8000]."),
     (lambda: kestrel.analyse(NOISE, 16000, alpha=float("nan")), ValueError, "alpha=nan is out of range"),
@@ -152,11 +153,15 @@ BAD = [
     (lambda: kestrel.synthesise((LF0, CC[:9])), ValueError, "lf0 and cc have incompatible dimensions"),
     (lambda: kestrel.synthesise((LF0, CC, np.zeros(9))), ValueError, "lf0 and fv have incompatible dimensions"),
     (lambda: kestrel.synthesise((LF0[:0], CC[:0])), ValueError, "lf0 holds no frames."),
+    (lambda: kestrel.synthesise((np.append(LF0[1:], np.nan), CC)), ValueError,
+     "lf0 holds values that are not finite numbers."),
     (lambda: kestrel.synthesise((LF0, CC), fdur=0.01, shift=1), ValueError,
      "frame shift of 0 samples out of range (1 to 1048576)."),
     (lambda: kestrel.synthesise(LF0), TypeError, "features must be a Features or a tuple"),
     (lambda: kestrel.synthesise((LF0, CC), fpitch="2"), TypeError, "fpitch must be a real number"),
     (lambda: kestrel.Features.load("/nonexistent/a"), FileNotFoundError, "could not open /nonexistent/a.lf0."),
+    (lambda: kestrel.read_wav("/"), FileNotFoundError, "could not open /."),  # a directory
+    (lambda: kestrel.write_wav("/", np.zeros(1, np.int16)), IsADirectoryError, "could not create / (it is a directory)."),
 ]
 
 
